@@ -1,0 +1,54 @@
+// Records to SDCM. The result of a mode request is a UMsgChMode.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "record/FrameMessage.h"
+#include "record/Text.h"
+
+namespace dcm::usb {
+
+// The scan at start begins or ended. The command frame's inbox takes the same form with its own ids.
+struct [[gnu::packed]] ScanRecord {
+    std::uint32_t sender;  // E_SENDER: 3 from the event frame to the command frame, 0 to SDCM
+    std::uint32_t id;      // MSGID_SCAN_BEGIN or MSGID_SCAN_END; MSGID_USB_SCAN_... on the inbox
+    std::uint32_t unused;  // 0: the port that gates read
+};
+static_assert(TakesBytes<ScanRecord, 12>());
+
+// A phone came or went.
+struct [[gnu::packed]] DeviceEventRecord {
+    std::uint8_t sender;  // SENDER_COMMAND
+    std::uint8_t unused[3];
+    std::uint32_t id;  // MSGID_DEVICE_ATTACHED or MSGID_DEVICE_DETACHED
+    std::uint32_t port;
+    std::uint32_t dev_type;  // E_DEV_TYPE
+    std::uint16_t vid;
+    std::uint16_t pid;
+    std::uint8_t usb_class;
+    std::uint8_t unused2[3];
+    std::uint32_t speed;
+    std::uint32_t aa_capa;
+    std::uint32_t ml_capa;
+    std::uint32_t cp_capa;
+    std::uint32_t cl_capa;
+    char serial[64];
+    char product[64];
+    char manufacturer[64];
+    char devpath[128];
+};
+static_assert(TakesBytes<DeviceEventRecord, 364>());
+static_assert(offsetof(DeviceEventRecord, port) == 8);
+static_assert(offsetof(DeviceEventRecord, vid) == 16);
+static_assert(offsetof(DeviceEventRecord, pid) == 18);
+static_assert(offsetof(DeviceEventRecord, usb_class) == 20);
+static_assert(offsetof(DeviceEventRecord, speed) == 24);
+static_assert(offsetof(DeviceEventRecord, aa_capa) == 28);
+static_assert(offsetof(DeviceEventRecord, cl_capa) == 40);
+static_assert(offsetof(DeviceEventRecord, serial) == 44);
+static_assert(offsetof(DeviceEventRecord, product) == 108);
+static_assert(offsetof(DeviceEventRecord, manufacturer) == 172);
+static_assert(offsetof(DeviceEventRecord, devpath) == 236);
+
+}  // namespace dcm::usb
