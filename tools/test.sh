@@ -1,0 +1,32 @@
+#!/bin/bash
+# make test [LABEL=...]: installs what is missing, builds what the tests of that label need, runs them through ctest.
+# Labels: unit (no root), service (root: namespaces, loop devices), vm (the virtual head unit), asan and tsan (unit and
+# some service tests under sanitizers), fuzz. Without a label: all.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+label=${1:-}
+
+groups=(build test)
+native=()
+case $label in
+"")      groups+=(guest); native=(all unit_tests service_tests sanitized_tests) ;;
+unit)    native=(unit_tests) ;;
+service) native=(usbservice service_tests) ;;
+vm)      groups+=(guest); native=(usbservice) ;;
+asan | tsan) native=(sanitized_tests) ;;
+fuzz)    native=(mtp_table) ;;
+*)       echo "make test: there is no label '$label'; see 'make help'" >&2; exit 2 ;;
+esac
+
+tools/install-packages.sh "${groups[@]}"
+# The guest first: its download is the longest step of a first run, and fails soonest when there is no network.
+case $label in "" | vm) tools/fetch-guest.sh ;; esac
+tools/build.sh native "${native[@]}"
+case $label in "" | fuzz) tools/build.sh fuzz fuzz_tests ;; esac
+case $label in "" | vm) tools/build.sh arm64 all && tools/headunit/make-image.sh ;; esac
+
+# Tests that need the machine for themselves say so (RUN_SERIAL); the rest share the processors.
+select=()
+[ -z "$label" ] || select=(-L "^$label\$")
+exec ctest --test-dir build/native --no-tests=error --output-on-failure -j "$(nproc)" "${select[@]}"
