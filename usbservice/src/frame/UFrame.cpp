@@ -1,0 +1,268 @@
+#include "frame/UFrame.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "access/UDevAccessor.h"
+#include "misc/ULog.h"
+#include "node/UListNode.h"
+#include "notify/UNotifier.h"
+#include "port/UListPortState.h"
+#include "record/FrameMessage.h"
+#include "record/Incoming.h"
+#include "record/SdcmRecord.h"
+#include "setting/USetting.h"
+
+namespace dcm::usb {
+
+namespace {
+
+// Shortest message of each sender.
+constexpr unsigned int kMinDcm = 1;
+constexpr unsigned int kMinGem = 1;
+constexpr unsigned int kMinPower = 3;
+constexpr unsigned int kMinTest = 3;
+constexpr unsigned int kMinDiag = 5;
+constexpr unsigned int kMinMedia = sizeof(MediaCommand);
+
+constexpr std::uint8_t kTestMountCheck = 8;
+
+// Switches of the engineering menu, in the order in which their changes are dealt with.
+struct Switch {
+    std::uint32_t StShmUsbCert::*value;
+    const char* name;
+};
+constexpr Switch kSwitches[] = {{&StShmUsbCert::test_force_enable1, "test_force_enable1"},
+                                {&StShmUsbCert::test_force_enable2, "test_force_enable2"},
+                                {&StShmUsbCert::device_mode1, "device_mode1"},
+                                {&StShmUsbCert::device_mode2, "device_mode2"}};
+
+// The message as a whole record: what is missing at its end is zero, what is too much is left out.
+template <typename Record>
+Record Receive(unsigned int len, const char* buf) {
+    Record record{};
+    std::memcpy(&record, buf, std::min<std::size_t>(len, sizeof record));
+    return record;
+}
+
+bool IsTooShort(unsigned int len, const char* buf, unsigned int least) {
+    if (len >= least && buf) return false;
+    ULOG(LOG_FAILED, "wrong size(%d) or no str(%p)", len, static_cast<const void*>(buf));
+    return true;
+}
+
+// Only a change between off and on counts; any other value is left alone.
+bool IsSwitched(std::uint32_t before, std::uint32_t now) {
+    return (before == 0 && now == 1) || (before == 1 && now == 0);
+}
+
+}  // namespace
+
+UFrame::UFrame(std::shared_ptr<kipc::Interface>& interface, frame::Message* message,
+               const std::vector<frame::QueueInfo>& queues)
+    : frame::Frame(interface, frame::BLOCK_WAIT, message, queues, nullptr) {
+    ULOG(LOG_TRACE, "constructor ptr:%p", static_cast<void*>(this));
+    m_notifier = new (std::nothrow) UNotifier;
+    if (m_notifier) {
+        m_list_port_state = UListPortState::GetInstance();
+        m_list_port_state->SetNotifier(m_notifier);
+    } else {
+        ULOG(LOG_FAILED, "failed to new notifier instance");
+    }
+    m_lists = UListNode::GetInstance();
+    m_setting = USetting::GetInstance();
+    m_dev_accessor = UDevAccessor::GetInstance();
+}
+
+UFrame::~UFrame() {
+    ULOG(LOG_TRACE, "destructor ptr:%p", static_cast<void*>(this));
+    if (m_list_port_state) UListPortState::Release();
+    delete m_notifier;
+}
+
+void UFrame::event_handler(unsigned long src, unsigned int len, char* buf) {
+    ULOG(LOG_TRACE, "src:%lx len:%d", src, len);
+    if (len == 0 || !buf) return;
+    switch (src) {
+        case kSourceSettings:
+            return HandleGEM(len, buf);
+        case kSourceUsb:
+            return HandleDcm(len, buf);
+        case kDestMedia:
+            return HandleMedia(len, buf);
+        case kDestTestInterface:
+            return HandleTestIface(len, buf);
+        case kDestDiagnosis:
+            return HandleDiag(len, buf);
+        case kDestPower:
+            return HandlePower(len, buf);
+    }
+    ULOG(LOG_REFUSED, "unknown message src:%lx len:%d", src, len);
+}
+
+void UFrame::HandleDcm(unsigned int len, char* buf) {
+    if (IsTooShort(len, buf, kMinDcm)) return;
+    if (!m_list_port_state) {
+        ULOG(LOG_FAILED, "list_port_state is null");
+        return;
+    }
+    if (!m_dev_accessor) {
+        ULOG(LOG_FAILED, "dev_accessor is null");
+        return;
+    }
+    const auto message = Receive<UMsgHeader>(len, buf);
+    switch (message.id) {
+        case MSGID_USB_SCAN_BEGIN:
+            return NotifyScanToSdcm(MSGID_SCAN_BEGIN);
+        case MSGID_USB_SCAN_END:
+            return NotifyScanToSdcm(MSGID_SCAN_END);
+    }
+    RefuseMessage(message.id);
+}
+
+void UFrame::HandleMedia(unsigned int len, char* buf) {
+    if (IsTooShort(len, buf, kMinMedia)) return;
+    if (!m_list_port_state) {
+        ULOG(LOG_FAILED, "list_port_state is null");
+        return;
+    }
+    const auto command = Receive<MediaCommand>(len, buf);
+    if (command.cmd != CMD_SEARCH_PHONE) {
+        ULOG(LOG_INFO, "unknown cmd:%d", static_cast<std::uint8_t>(command.cmd));
+        return;
+    }
+    ULOG(LOG_INFO, "SEARCH_PHONE dev_type:%d port:%d", command.dev_type, command.port);
+    RefuseMessage(MSGID_SEARCH);
+}
+
+void UFrame::HandleGEM(unsigned int len, char* buf) {
+    if (IsTooShort(len, buf, kMinGem)) return;
+    if (!m_list_port_state) {
+        ULOG(LOG_FAILED, "list_port_state is null");
+        return;
+    }
+    if (!m_setting) {
+        ULOG(LOG_FAILED, "setting is null");
+        return;
+    }
+    const std::string text(buf, strnlen(buf, len));
+    if (text.find("shm_usb_cert_persist") != std::string::npos) {  // first: it contains the other name
+        m_setting->UpdateUsbCertPersist();
+    } else if (text.find("shm_usb_cert") != std::string::npos) {
+        UpdateSwitches();
+    } else {
+        ULOG(LOG_REFUSED, "unknown str:%s", text.c_str());
+    }
+}
+
+void UFrame::UpdateSwitches() {
+    const StShmUsbCert before = m_setting->GetUsbCert();
+    m_setting->UpdateUsbCert();
+    const StShmUsbCert now = m_setting->GetUsbCert();
+    ULOG(LOG_INFO, "test_force_enable1:%d>%d test_force_enable2:%d>%d device_mode1:%d>%d device_mode2:%d>%d",
+         before.test_force_enable1, now.test_force_enable1, before.test_force_enable2, now.test_force_enable2,
+         before.device_mode1, now.device_mode1, before.device_mode2, now.device_mode2);
+    for (const Switch& item : kSwitches)
+        if (IsSwitched(before.*item.value, now.*item.value)) RefuseSwitch(item.name);
+}
+
+void UFrame::HandlePower(unsigned int len, char* buf) {
+    if (IsTooShort(len, buf, kMinPower)) return;
+    if (!m_list_port_state) {
+        ULOG(LOG_FAILED, "list_port_state is null");
+        return;
+    }
+    const auto power = Receive<PowerNotification>(len, buf);
+    const bool isPower = power.command == 0x83 && power.sub_command == 0x91;
+    if (isPower && power.kind == 1) {
+        ULOG(LOG_INFO, "hmi_power_state:%d hmi_power_event:%d mmi_power_state:%d mmi_power_event:%d",
+             power.value[0], power.value[1], power.value[2], power.value[3]);
+    } else if (isPower && power.kind == 3) {
+        ULOG(LOG_INFO, "clamp 15:%d 50:%d S:%d X:%d", power.value[0], power.value[1], power.value[2],
+             power.value[3]);
+    } else {
+        ULOG(LOG_REFUSED, "unknown packet cmd:%x subcmd:%x,%x", power.command, power.sub_command, power.kind);
+    }
+}
+
+void UFrame::HandleDiag(unsigned int len, char* buf) {
+    if (IsTooShort(len, buf, kMinDiag)) return;
+    if (!m_setting) {
+        ULOG(LOG_FAILED, "setting is null");
+        return;
+    }
+    const auto request = Receive<DiagRequest>(len, buf);
+    const bool isData =
+        request.command == 0x83 && request.sub_command == 0x60 && request.service == kDiagService;
+    if (isData && request.rdid[0] == 0x09 && request.rdid[1] == 0x81) {
+        int active[4];
+        for (int i = 0; i < 4; ++i)
+            active[i] = request.data[i] >> 7;
+        ULOG(LOG_INFO, "activiation for hub interface_1:%d interface_2:%d interface_3:%d interface_4:%d",
+             active[0], active[1], active[2], active[3]);
+        for (unsigned char i = 0; i < 4; ++i)
+            m_setting->SetUsbAdaption(i + 1, active[i] ? USB_ADAPTION_ACTIVE : USB_ADAPTION_INACTIVE);
+    } else if (isData && request.rdid[0] == 0x05 && request.rdid[1] == 0x57) {
+        const int coding = request.data[1] >> 6;
+        ULOG(LOG_INFO, "media usb configuration: %d", coding);
+        m_setting->SetUsbCoding(static_cast<E_USB_CODING>(coding));
+    } else {
+        // The hub's self-test (31 80 AA 03) is not there yet and ends here as well.
+        ULOG(LOG_INFO, "unknown diag packet cmd:%x subcmd:%x,%x rdid:%x,%x", request.command,
+             request.sub_command, request.service, request.rdid[0], request.rdid[1]);
+    }
+}
+
+void UFrame::HandleTestIface(unsigned int len, char* buf) {
+    if (IsTooShort(len, buf, kMinTest)) return;
+    if (!m_notifier) {
+        ULOG(LOG_FAILED, "notifier is null");
+        return;
+    }
+    if (!m_lists) {
+        ULOG(LOG_FAILED, "lists is null ");  // Deliberate: the trailing blank.
+        return;
+    }
+    const auto command = Receive<TestCommand>(len, buf);
+    if (command.head[0] != 0x02 || command.head[1] != 0x31 || command.head[2] != 0x02) {
+        ULOG(LOG_REFUSED, "unknown cmd");
+        return;
+    }
+    if (command.extra_command != kTestMountCheck || command.port > 1) {
+        ULOG(LOG_REFUSED, "unknown extra_cmd:%d port:%d", command.extra_command, command.port);
+        return;
+    }
+    const std::uint8_t port = command.port + 1;
+    char mount_path[sizeof MountCheckResult::mount_path] = {};
+    // Only told apart from null: the event frame may delete the node at any moment.
+    const UNode* node = m_lists->FindTestMountedBlockNode(port, mount_path, sizeof mount_path);
+    if (port == 1)
+        ULOG(LOG_INFO, "usb1 mount check node:%p", static_cast<const void*>(node));
+    else
+        ULOG(LOG_INFO, "usb2 mount check node:%p", static_cast<const void*>(node));
+    m_notifier->SendMountCheckResult(node != nullptr, node ? mount_path : nullptr);
+}
+
+void UFrame::NotifyScanToSdcm(E_MSGID id) {
+    if (!m_notifier) {
+        ULOG(LOG_FAILED, "notifier is null");
+        return;
+    }
+    ScanRecord record{SENDER_COMMAND, id, 0};
+    ULOG(LOG_INFO, "msgID:%d", id);
+    m_notifier->Push2SDCM(kSourceUsb, sizeof record, reinterpret_cast<char*>(&record));
+}
+
+// The port logic is not there yet: what a port state or the accessor would deal with ends in these two, and
+// is refused as what nobody knows.
+void UFrame::RefuseMessage(std::uint32_t id) {
+    ULOG(LOG_REFUSED, "unknown msgID:%d", id);
+}
+
+void UFrame::RefuseSwitch(const char* name) {
+    ULOG(LOG_REFUSED, "unknown str:%s", name);
+}
+
+}  // namespace dcm::usb

@@ -1,0 +1,58 @@
+// The service's inbox: takes each message that is addressed to the service, from its own frames and from the
+// other processes, and turns it into a call on whoever deals with it. A thread of its own; one message at a
+// time.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "platform/frame.h"
+#include "record/MessageId.h"
+
+namespace dcm::usb {
+
+class UDevAccessor;
+class UListNode;
+class UListPortState;
+class UNotifier;
+class USetting;
+
+// The port logic, the accessor's operations and the hub's self-test are not there yet: what needs them is
+// refused the way an unknown message is (RefuseMessage, RefuseSwitch).
+class UFrame : public frame::Frame {
+public:
+    // Makes the singletons that all frames share: settings, port list, node list, accessor. Made before the
+    // other frames run.
+    UFrame(std::shared_ptr<kipc::Interface>& interface, frame::Message* message,
+           const std::vector<frame::QueueInfo>& queues);
+    ~UFrame() override;
+
+    void event_handler(unsigned long src, unsigned int len, char* buf) override;
+
+    // One per sender. What a sender left out at the end of its message reads as zero; texts need no
+    // terminator.
+    void HandleDcm(unsigned int len, char* buf);
+    void HandleMedia(unsigned int len, char* buf);
+    void HandleGEM(unsigned int len, char* buf);
+    void HandlePower(unsigned int len, char* buf);
+    void HandleDiag(unsigned int len, char* buf);
+    void HandleTestIface(unsigned int len, char* buf);
+
+    // Tells SDCM that the scan at start began (MSGID_SCAN_BEGIN) or ended (MSGID_SCAN_END).
+    void NotifyScanToSdcm(E_MSGID id);
+
+private:
+    void UpdateSwitches();
+    void RefuseMessage(std::uint32_t id);
+    void RefuseSwitch(const char* name);
+
+    UNotifier* m_notifier = nullptr;  // owned
+    UListPortState* m_list_port_state =
+        nullptr;                             // singleton, released with this frame; null without notifier
+    USetting* m_setting = nullptr;           // singleton
+    UDevAccessor* m_dev_accessor = nullptr;  // singleton
+    UListNode* m_lists = nullptr;            // singleton
+};
+
+}  // namespace dcm::usb

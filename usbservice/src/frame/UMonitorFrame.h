@@ -1,0 +1,32 @@
+// Takes requests for timed supervision and keeps time for it, ten times a second. A thread of its own.
+#pragma once
+
+#include <memory>
+
+#include "platform/frame.h"
+
+namespace dcm::usb {
+
+class UNotifier;
+
+// Supervision is not there yet: requests are taken from the queue, so that it does not fill, and refused as
+// unknown.
+class UMonitorFrame : public frame::Frame {
+public:
+    UMonitorFrame(std::shared_ptr<kipc::Interface>& interface, frame::Message* message);
+    ~UMonitorFrame() override;
+
+    // At most one message a call, then a tenth of a second's sleep; the platform calls again and again.
+    void event_handler(unsigned long src, unsigned int len, char* buf) override;
+
+    void Init();  // on the frame's own thread, at the first call
+    void ParseMsg(unsigned int len, char* msg);
+
+private:
+    enum E_STATE : unsigned int { E_STATE_INIT = 0, E_STATE_RUNNING = 1 };
+
+    unsigned int m_state = E_STATE_INIT;
+    UNotifier* m_notifier = nullptr;  // owned; made by Init
+};
+
+}  // namespace dcm::usb

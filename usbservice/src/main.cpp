@@ -1,0 +1,29 @@
+#include <signal.h>
+#include <unistd.h>
+
+#include "frame/UBegin.h"
+
+namespace {
+
+void PassOver(int) {}
+
+void PrepareSignals() {
+    struct sigaction action = {};
+    // Whoever started the service may have ignored it, and waiting for a child would then fail.
+    action.sa_handler = SIG_DFL;
+    sigaction(SIGCHLD, &action, nullptr);
+    // A reader of our standard error that died must not end the service. Caught, not ignored: the programs
+    // that the service starts get the default back.
+    action.sa_handler = PassOver;
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGPIPE, &action, nullptr);
+}
+
+}  // namespace
+
+int main() {
+    PrepareSignals();
+    new dcm::UBegin;  // lives as long as the process
+    for (;;)
+        sleep(10);
+}
