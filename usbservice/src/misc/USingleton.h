@@ -2,16 +2,30 @@
 // Making is not locked: each singleton is first used on one thread before others see it.
 #pragma once
 
-#include <cassert>
-#include <type_traits>
+#include <cstdio>
+#include <cstring>
+
+// glibc's; <cassert> declares it only where assertions are compiled in.
+extern "C" void __assert_fail(const char* expression, const char* file, unsigned int line,
+                              const char* function) noexcept __attribute__((__noreturn__));
 
 namespace dcm::usb {
 
 namespace singleton {
 
-// As assert(), but in every build type: a second instance must stop the service in the car as well.
-inline void Require(bool holds, const char* expression, unsigned line, const char* function) {
-    if (!holds) __assert_fail(expression, "USingleton.h", line, function);
+// "... [with T = dcm::usb::UMount]" or "... [T = dcm::usb::UMount]", by compiler.
+template <typename T>
+const char* Signature() {
+    return __PRETTY_FUNCTION__;
+}
+
+// As a failed assert(), but in every build type: a second instance must stop the service in the car as well.
+template <typename T>
+[[noreturn]] void Fail(const char* expression, unsigned line) {
+    char function[256];  // one form for all compilers
+    std::snprintf(function, sizeof function, "dcm::usb::USingleton<T>::USingleton() [with %s",
+                  std::strstr(Signature<T>(), "T = "));
+    __assert_fail(expression, "USingleton.h", line, function);
 }
 
 }  // namespace singleton
@@ -44,8 +58,8 @@ public:
 protected:
     USingleton() {
         // Deliberate: lines 19 and 20 are what the unit's crash reports know these two assertions by.
-        singleton::Require(!m_pInstance, "!m_pInstance", 19, __PRETTY_FUNCTION__);
-        singleton::Require(m_bInitialized, "m_bInitialized", 20, __PRETTY_FUNCTION__);
+        if (m_pInstance) singleton::Fail<T>("!m_pInstance", 19);
+        if (!m_bInitialized) singleton::Fail<T>("m_bInitialized", 20);
     }
 };
 

@@ -67,7 +67,9 @@ public:
     static const char* const kStringBlockDevType[3];  // index: E_BLOCK_DEVTYPE
     static const char* const kStringCustomEvent[2];
     static const char* const kStringEnumerate[2];
-    static const char* const kStringID[kUeventKeys];  // index: E_UEVENT_KEY
+    static constexpr const char* kStringID[kUeventKeys] = {  // index: E_UEVENT_KEY
+        "ACTION=", "DEVPATH=", "SUBSYSTEM=", "DEVNAME=",  "DEVTYPE=",  "SEQNUM=",
+        "BUSNUM=", "PRODUCT=", "EVENT=",     "PORT_NUM=", "ENUMERATE="};
 
     virtual ~UEventData() = default;
     virtual void PrintData(bool summary) = 0;
