@@ -57,6 +57,7 @@ public:
     // Any thread. Wakes the reader for good: `wait_and_take` returns false from then on.
     void stop();
 
+    const char* name() const;        // any thread
     std::size_t waiting() const;     // records; any thread
     unsigned long dropped() const;   // records lost since start; any thread
     std::size_t high_water() const;  // most bytes that ever waited; any thread
