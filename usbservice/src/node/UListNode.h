@@ -68,7 +68,10 @@ private:
     void Lock() { pthread_mutex_lock(&m_mutex); }
     void Unlock() { pthread_mutex_unlock(&m_mutex); }
     UNode* FindParentUsbNode(UNode* node, int devtype);
-    UNode* FindMounted(std::uint8_t port);
+    template <typename Wanted>
+    UNode* FindFirst(Wanted wanted);
+    template <typename Wanted>
+    UNode* FindFirstLocked(Wanted wanted);
     void Append(UNode* node);
     void Unlink(UNode* node);
     void CloseGaps();
@@ -76,7 +79,7 @@ private:
     std::vector<UNode*> m_lists;  // in the order in which they came; null where a node was taken out
     std::size_t m_size = 0;       // of the nodes in it
     UPathIndex m_index;           // the same nodes, by path
-    pthread_mutex_t m_mutex;      // all of the above, and the links between nodes
+    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;  // all of the above, and the links between nodes
 };
 
 }  // namespace dcm::usb
