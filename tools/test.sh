@@ -5,6 +5,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
+. tools/alive.sh
 label=${1:-}
 
 groups=(build test)
@@ -19,12 +20,16 @@ fuzz)    native=(mtp_table) ;;
 *)       echo "make test: there is no label '$label'; see 'make help'" >&2; exit 2 ;;
 esac
 
-tools/install-packages.sh "${groups[@]}"
+alive "packages that are missing" tools/install-packages.sh "${groups[@]}"
 # The guest first: its download is the longest step of a first run, and fails soonest when there is no network.
-case $label in "" | vm) tools/fetch-guest.sh ;; esac
-tools/build.sh native "${native[@]}"
-case $label in "" | fuzz) tools/build.sh fuzz fuzz_tests ;; esac
-case $label in "" | vm) tools/build.sh arm64 all && tools/headunit/make-image.sh ;; esac
+case $label in "" | vm) alive "kernel and libraries of the virtual head unit" tools/fetch-guest.sh ;; esac
+alive "service and tests for this machine" tools/build.sh native "${native[@]}"
+case $label in "" | fuzz) alive "fuzz targets" tools/build.sh fuzz fuzz_tests ;; esac
+case $label in "" | vm)
+    alive "service, agent and board for the head unit" tools/build.sh arm64 all
+    alive "image of the head unit" tools/headunit/make-image.py
+    ;;
+esac
 
 # Tests that need the machine for themselves say so (RUN_SERIAL); the rest share the processors.
 select=()
