@@ -73,6 +73,7 @@ private:
     UNodeBlock* GetDisk() const;
     bool HasPartitions() const;
     bool IsExternalCdDrive();
+    void SetMountPath(char* path);
     void ReadTotalPartitions();
 };
 

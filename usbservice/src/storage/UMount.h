@@ -23,6 +23,9 @@ public:
 
     // Takes the volume out of the namespace although somebody uses it. umount2's result; -1 without a path.
     int UnMountForcibly(char* dir);
+
+private:
+    int Release(char* dir);
 };
 
 }  // namespace dcm::usb
