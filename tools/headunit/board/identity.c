@@ -213,10 +213,19 @@ static void change_configuration(struct usb_device *udev, int index, const struc
 		change_raw(udev->rawdescriptors[index], le16_to_cpu(config->desc.wTotalLength), identity);
 }
 
+/* Only for devices that have a serial text of their own: its attribute has been made by now. */
 static void change_serial(struct usb_device *udev, const char *text)
 {
+	static const struct attribute serial = { .name = "serial" };
+
+	if (!udev->serial)
+		return;
 	kfree(udev->serial);
-	udev->serial = strcmp(text, "-") == 0 ? NULL : kstrdup(text, GFP_KERNEL);
+	udev->serial = NULL;
+	if (strcmp(text, "-") == 0)
+		sysfs_remove_file(&udev->dev.kobj, &serial);
+	else
+		udev->serial = kstrdup(text, GFP_KERNEL);
 }
 
 static void change_device(struct usb_device *udev, const struct identity *identity)

@@ -387,7 +387,7 @@ private:
         int error = ENOTCONN;
         if (const auto known = m_senders.find(sender); known != m_senders.end())
             error = Put(known->second, bytes);
-        if (error == 0) return 0;
+        if (error == 0 || error == EAGAIN) return error;  // EAGAIN: the service reads too slowly
         m_senders.erase(sender);
         const auto address = Address(std::string(kServiceInbox) + '/' + sender);
         if (!address) return ENAMETOOLONG;

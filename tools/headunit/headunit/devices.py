@@ -1,4 +1,4 @@
-"""What can be plugged into the unit. A device object may be plugged, unplugged and plugged again, one place at a time."""
+"""What can be plugged into the unit. A device may be plugged, unplugged and plugged again, one place at a time."""
 import itertools
 import pathlib
 import time
@@ -74,7 +74,8 @@ class Stick(Device):
 class CardReader(Device):
     """A reader whose medium can be changed; image None: no card inside.
 
-    The kernel notices a change only when somebody asks the reader: see HeadUnit.poll_media().
+    The kernel notices a change only when somebody asks the reader: see HeadUnit.poll_media(). It then says "change",
+    and takes partitions away or adds them when somebody opens the disk next.
     """
 
     def __init__(self, image=None, serial="9876543210"):
@@ -110,24 +111,24 @@ class Hub(Device):
 
 
 class Keyboard(Device):
-    """0627:0001, class 3."""
+    """0627:0001, class 3. Serial texts are given everywhere: QEMU's own contain the place in the machine."""
 
-    def __init__(self):
-        super().__init__("usb-kbd")
+    def __init__(self, serial="KEYBOARD"):
+        super().__init__("usb-kbd", serial=serial)
 
 
 class Sound(Device):
     """46f4:0002, class 1: a class that no list of the service knows."""
 
-    def __init__(self):
-        super().__init__("usb-audio", audiodev="silence")
+    def __init__(self, serial="SOUND"):
+        super().__init__("usb-audio", audiodev="silence", serial=serial)
 
 
 class SerialAdapter(Device):
     """0403:6001."""
 
-    def __init__(self):
-        super().__init__("usb-serial", chardev="")
+    def __init__(self, serial="SERIAL"):
+        super().__init__("usb-serial", chardev="", always_plugged=True, serial=serial)
 
     def _before(self, qmp):
         self.properties["chardev"] = f"{self.id}-line"
@@ -140,12 +141,12 @@ class SerialAdapter(Device):
 class Mtp(Device):
     """46f4:0004, shows a folder of this machine."""
 
-    def __init__(self, folder):
-        super().__init__("usb-mtp", rootdir=str(folder))
+    def __init__(self, folder, serial="MTP"):
+        super().__init__("usb-mtp", rootdir=str(folder), serial=serial)
 
 
 class NetworkAdapter(Device):
     """0525:a4a2; no cable in it."""
 
-    def __init__(self):
-        super().__init__("usb-net")
+    def __init__(self, serial="NETWORK"):
+        super().__init__("usb-net", serial=serial)

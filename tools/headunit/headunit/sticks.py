@@ -1,4 +1,6 @@
-"""Images of sticks, without root and without mounting. Every label and number is given, so that records can be compared.
+"""Images of sticks, made without root and without mounting.
+
+Every label and number is given, so that records can be compared byte by byte.
 
     sticks.mbr(path, [Vfat(label="STICK", uuid=0x1234ABCD, files={"a.txt": b"x"}), Unknown(), Ext4(label="DATA")])
     sticks.whole(path, Vfat(label="PLAIN"))

@@ -45,9 +45,12 @@ class Output(NamedTuple):
     text: str
 
 
+_libc = ctypes.CDLL(None)
+
+
 def _die_with_parent():
-    """Linux: QEMU must not outlive a test that was killed."""
-    ctypes.CDLL(None).prctl(1, signal.SIGKILL)   # PR_SET_PDEATHSIG
+    """QEMU must not outlive a test that was killed. The kernel counts the thread that booted as the parent."""
+    _libc.prctl(1, signal.SIGKILL)   # PR_SET_PDEATHSIG
 
 
 class HeadUnit:
@@ -81,8 +84,8 @@ class HeadUnit:
         self._outputs = {}
         self._errors = []
         self._sent = 0
-        self._service_pid = None
-        self._service_end = None
+        self._starts = []          # process ids of the services started
+        self._service_end = None   # how the last one ended, None while it runs
 
     # ---- life ----
 
@@ -199,9 +202,10 @@ class HeadUnit:
         elif verb == "sent":
             self._sent += 1
         elif verb == "started":
-            self._service_pid, self._service_end = int(rest), None
+            self._starts.append(int(rest))
+            self._service_end = None
         elif verb == "exited":
-            self._service_pid, self._service_end = None, rest
+            self._service_end = rest
         elif verb == "ready":
             self._ready = True
         elif verb == "lost":
@@ -215,30 +219,35 @@ class HeadUnit:
         except OSError as error:
             raise HeadUnitError(f"the guest's channel is gone: {error}" + self._heard()) from error
 
-    def _until(self, check, timeout, what):
-        """What check gives, as soon as it is true. Errors that the agent reports end the waiting."""
+    def _until(self, check, timeout, what, of_service=False):
+        """What check gives, as soon as it is true. An error that the agent reports ends the waiting, and so does the
+        service's end when the awaited thing can only come from it."""
         result = None
 
         def settled():
             nonlocal result
             result = check()
-            return result or self._over or self._errors
+            return result or self._over or self._errors or (of_service and self._service_end)
         with self._changed:
-            in_time = self._changed.wait_for(settled, timeout)
+            self._changed.wait_for(settled, timeout)
             if result:
                 return result
             errors, self._errors = self._errors, []
-        if errors:
-            raise HeadUnitError(f"{what}: {'; '.join(errors)}" + self._heard())
-        if in_time:
-            raise HeadUnitError(f"the guest is gone while waiting for {what}" + self._heard())
-        raise HeadUnitError(f"not within {timeout} s: {what}" + self._heard())
+            if errors:
+                reason = f"{what}: {'; '.join(errors)}"
+            elif self._over:
+                reason = f"the guest is gone while waiting for {what}"
+            elif of_service and self._service_end:
+                reason = f"the service has ended ({self._service_end}) while waiting for {what}"
+            else:
+                reason = f"not within {timeout} s: {what}"
+        raise HeadUnitError(reason + self._heard())
 
     def _heard(self):
         """The end of everything that was heard, for an exception's text."""
         with self._changed:
             records, logs = self._records[-12:], self._logs[-40:]
-        parts = [f"\n--- last records ---"] + [f"{one.time:10.3f} {one.receiver} {one.bytes.hex(' ')[:300]}"
+        parts = ["\n--- last records ---"] + [f"{one.time:10.3f} {one.receiver} {one.bytes.hex(' ')[:300]}"
                                                for one in records]
         parts += ["--- last log lines ---"] + [f"{one.time:10.3f} {one.text}" for one in logs]
         for name in ("console", "qemu.log"):
@@ -284,6 +293,11 @@ class HeadUnit:
             state = "not there" if present else "still there"
             raise HeadUnitError(f"{state} after {timeout} s: {path}" + self._heard())
 
+    def wait_no(self, patterns, timeout=20):
+        """Until no file of the guest matches the shell patterns."""
+        self.run(f"i=0; while ls -d {patterns} 2>/dev/null | grep -q . ; do i=$((i+1)); [ $i -lt {timeout * 20} ] || "
+                 f"{{ echo still there:; ls -d {patterns} 2>/dev/null; exit 1; }}; usleep 50000; done", timeout + 10)
+
     def dmesg(self):
         return self.sh("dmesg")
 
@@ -296,15 +310,14 @@ class HeadUnit:
     def start_service(self, env=None, timeout=20):
         """Its process id. env: e.g. {"KA_LOG_LEVEL": "32"}."""
         with self._changed:
-            self._service_end = None
+            before = len(self._starts)
         self._tell(" ".join(["start"] + [f"{name}={value}" for name, value in (env or {}).items()]))
-        return self._until(lambda: self._service_pid, timeout, "the service's start")
+        return self._until(lambda: self._starts[before:], timeout, "the service's start")[0]
 
     def stop_service(self, sig=signal.SIGTERM, timeout=10):
-        """How it ended: "code 0" or "signal 15". One that does not end by itself is killed."""
-        with self._changed:
-            if self._service_pid is None:
-                return self._service_end
+        """How it ended: "code 0" or "signal 15"; None when it was never started. One that does not end is killed."""
+        if self.service_pid is None:
+            return self._service_end
         self._tell(f"stop {int(sig)}")
         try:
             return self._until(lambda: self._service_end, timeout, "the service's end")
@@ -318,8 +331,9 @@ class HeadUnit:
 
     @property
     def service_pid(self):
+        """None when it does not run."""
         with self._changed:
-            return self._service_pid
+            return self._starts[-1] if self._starts and self._service_end is None else None
 
     def send(self, sender, data, timeout=20):
         """Puts a record into the service's inbox, as that sender. Raises when the service does not take it."""
@@ -348,7 +362,7 @@ class HeadUnit:
         """The first record of that receiver (None: of any) for which the predicate is true."""
         return self._until(lambda: _first(one for one in self._records[since[0]:]
                                           if receiver in (None, one.receiver) and predicate(one)),
-                           timeout, f"{what} for {receiver or 'anybody'}")
+                           timeout, f"{what} for {receiver or 'anybody'}", of_service=True)
 
     def logs(self, since=(0, 0)):
         with self._changed:
@@ -358,7 +372,7 @@ class HeadUnit:
         """The first log line that contains the text, or for which the function is true."""
         matches = wanted if callable(wanted) else lambda text: wanted in text
         return self._until(lambda: _first(one for one in self._logs[since[1]:] if matches(one.text)), timeout,
-                           f"log line {wanted!r}")
+                           f"log line {wanted!r}", of_service=True)
 
     def settle(self, quiet=1.0, timeout=30):
         """Until nothing has been heard for so many seconds."""
@@ -432,25 +446,26 @@ class HeadUnit:
         self.run(f"echo {milliseconds} > /sys/module/block/parameters/events_dfl_poll_msecs")
 
     def reset(self):
-        """Between tests: service stopped, everything pulled, the board as after booting, folders empty, all forgotten."""
+        """Between tests: service stopped, everything pulled, board as after booting, folders empty, all forgotten."""
         self.stop_service(signal.SIGKILL)
+        # Before the pulling: a disk whose mount is left over keeps its name, and the next one becomes sdb.
+        self.run("for point in $(grep ' /tmp/' /proc/mounts | cut -d' ' -f2 | sort -r); do umount -l $point; done; "
+                 "rm -rf /tmp/* /dev/shm/* /data/* /run/kipc/usb")
         for device in list(self._plugged):
             if device.port is not None and device is not self.vehicle_hub:
                 self.unplug(device)
         if self.vehicle_hub.port is None:
             self.plug("1", self.vehicle_hub)
             self.wait_path(f"{CONTROLLER}/usb1/1-1/1-1:1.0")
-        self.wait_path("/sys/block/sda", present=False)
-        self.forget_rewrites()
-        self.run("cd /; echo 0 > /sys/module/block/parameters/events_dfl_poll_msecs; "
-                 f"cd {BOARD}; echo 0 > disk_partno; echo 0 > overcurrent; echo 1 > temperature; "
-                 "echo 240 > diag_result; cd /; "
-                 "for point in $(grep ' /tmp/' /proc/mounts | cut -d' ' -f2 | sort -r); do umount -l $point; done; "
-                 "rm -rf /tmp/* /dev/shm/* /data/* /run/kipc/usb")
+        self.wait_no(f"{CONTROLLER}/usb1/1-1/1-1.* /sys/block/sd*")
+        self.run(f"cd {BOARD} && echo - > rewrite && echo 0 > disk_partno && echo 0 > overcurrent && "
+                 "echo 1 > temperature && echo 240 > diag_result && "
+                 "echo 0 > /sys/module/block/parameters/events_dfl_poll_msecs")
         with self._changed:
             self._records.clear()
             self._logs.clear()
             self._errors.clear()
+            self._starts.clear()
             self._service_end = None
 
 
