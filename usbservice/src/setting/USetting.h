@@ -53,9 +53,13 @@ public:
     std::uint32_t GetCustomerHubSupport() const { return customer_hub_support; }
 
 private:
+    void StoreUsbCert(const StShmUsbCert& cert);
+    void StoreUsbCertPersist(const StShmUsbCertPersist& persist);
+
     Relaxed<E_USB_CODING> usb_coding{USB_CODING_3};
     Relaxed<E_USB_ADAPTION> usb_adaption[kAdaptionPorts];
-    pthread_mutex_t m_mutex;                         // every write below and above
+    // Every write below and above. A valid mutex also when its initialisation by the constructor fails.
+    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
     Relaxed<std::uint32_t> customer_hub_support{1};  // StShmUsbCertPersist
     Relaxed<std::uint32_t> test_force_enable1{0};    // StShmUsbCert
     Relaxed<std::uint32_t> test_force_enable2{0};
