@@ -16,7 +16,7 @@ arm64)
     options="-DCMAKE_TOOLCHAIN_FILE=$root/tools/headunit/aarch64.cmake -DUSB_TESTS=OFF -DUSB_GUEST=ON"
     # The generator of the table runs on this machine: the native tree's output is the same for every processor.
     "$0" native mtp_table
-    options="$options -DUSB_MTP_TABLE=$root/build/native/platform/mtp_table.inc"
+    options="$options -DUSB_MTP_TABLE=$root/build/native/platform/mtp_table.cpp"
     ;;
 fuzz) options="-DCMAKE_CXX_COMPILER=clang++ -DUSB_FUZZ=ON" ;;
 *)

@@ -147,7 +147,7 @@ def run(timeline, folder):
         show.expect("the start-up report of the optical status", "diag", name="diag_external_optical_status")
         show.expect("the beginning of the scan", "sdcm", id=3)
         show.expect("the end of the scan", "sdcm", id=4)
-        show.expect("healthy communication with the hub", "diag", name="diag_faulty_communication", result=0)
+        show.expect("healthy communication with the hub", "diag", name="diag_faulty_communication", faulty=0)
         show.tell()
 
         one = stick_comes(show, 1, "vfat stick", first, "STICK", "1234-ABCD", "vfat")
