@@ -1,11 +1,13 @@
 #include "support/MemoryStore.h"
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <mutex>
 #include <utility>
 
 #include "setting/USetting.h"
+#include "shm/MemoryData.h"
 #include "shm/ssmInterface.h"
 
 namespace test {
@@ -105,7 +107,7 @@ int ssmInterface::write_ssm(ssmID::e_SsmID id, const char* data, unsigned int le
     if (const auto failed = TheStore().Enter({test::STORE_WRITE, static_cast<unsigned>(id), bytes}))
         return *failed;
     TheStore().records[id] = std::move(bytes);
-    return 0;
+    return static_cast<int>(len);
 }
 
 int ssmInterface::read_ssm(ssmID::e_SsmID id, char* buffer) {
@@ -113,8 +115,9 @@ int ssmInterface::read_ssm(ssmID::e_SsmID id, char* buffer) {
     if (const auto failed = TheStore().Enter({test::STORE_READ, static_cast<unsigned>(id)})) return *failed;
     const auto bytes = test::Find(TheStore().records, id);
     if (!bytes) return -1;
-    std::memcpy(buffer, bytes->data(), bytes->size());
-    return 0;
+    const std::size_t count = std::min<std::size_t>(bytes->size(), shm::get_table()[id].size);
+    std::memcpy(buffer, bytes->data(), count);
+    return static_cast<int>(count);
 }
 
 int ssmInterface::set_notify(ssmID::e_SsmID id, unsigned long receiver) {

@@ -82,7 +82,7 @@ TEST_F(UNotifierReports, ArmsACuttingWithTheFieldsOfTheMessageOnly) {
     dcm::usb::CopyText(message.manufacturer, "man");
     dcm::usb::CopyText(message.devpath, "/dev");
     Notifier().PushCutting(true, &message);
-    EXPECT_THAT(Drain(kMonitor), Asks("00*4 25 00*3 20 00*3 09 00*3 AC 05 A8 12 06 00*3 04 00*3"
+    EXPECT_THAT(Drain(kMonitor), Asks("00*4 25 00*3 20 00*3 09 00*3 AC 05 A8 12 06 00*3 04 00*3 "
                                       "736572 00*61 70726F 00*61 6D616E 00*61 2F646576 00*124"));
     EXPECT_THAT(Logs(), Says("isAdd:1 port:32"));
 }
@@ -92,7 +92,7 @@ TEST_F(UNotifierReports, EndsTheTextsOfACuttingThatHaveNoEnd) {
     std::memset(&message, 'x', sizeof message);
     message.port = 1;
     Notifier().PushCutting(false, &message);
-    EXPECT_THAT(Drain(kMonitor), Asks("00*4 26 00*3 01 00*3 78*4 78*2 78*2 78 00*3 78*4"
+    EXPECT_THAT(Drain(kMonitor), Asks("00*4 26 00*3 01 00*3 78*4 78*2 78*2 78 00*3 78*4 "
                                       "78*63 00 78*63 00 78*63 00 78*127 00"));
 }
 

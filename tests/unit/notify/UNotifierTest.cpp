@@ -429,8 +429,8 @@ TEST_F(UNotifier, ThePacketOfAUsbDeviceHasItsBytesInTheirPlaces) {
     packet.usb_class = 0xFF;
     packet.speed = 3;
     Notifier().Send(&packet);
-    EXPECT_THAT(Packets(), ElementsAre(Packet{kUsbSet, Hex("03 00*3 06 00*3 07 00*3 09 00*3 02 00*3"
-                                                           "D1 18 E1 4E 00*12 53 31 00*62 50 32 00*62"
+    EXPECT_THAT(Packets(), ElementsAre(Packet{kUsbSet, Hex("03 00*3 06 00*3 07 00*3 09 00*3 02 00*3 "
+                                                           "D1 18 E1 4E 00*12 53 31 00*62 50 32 00*62 "
                                                            "4D 33 00*62 2F 64 00*126 FF 03 00 00")}));
 }
 
@@ -450,8 +450,8 @@ TEST_F(UNotifier, ThePacketOfAVolumeHasItsBytesInTheirPlaces) {
     Notifier().Send(&packet);
     EXPECT_THAT(Packets(),
                 ElementsAre(Packet{kStorageSet, Hex("03 00*3 03 00*3 00*4 05 00*3 01 00*3 01"
-                                                    "2F746D702F5553422F504F5254312F50415254312F 00*11"
-                                                    "535449434B 00*27 314132422D33433444 00*23"
+                                                    "2F746D702F5553422F504F5254312F50415254312F 00*11 "
+                                                    "535449434B 00*27 314132422D33433444 00*23 "
                                                     "76666174 00*12 08 03 00")}));
 }
 
