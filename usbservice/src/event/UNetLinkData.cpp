@@ -1,0 +1,203 @@
+#include "event/UNetLinkData.h"
+
+#include <array>
+#include <cstddef>
+#include <cstring>
+#include <string_view>
+
+#include "event/EventText.h"
+
+namespace dcm::usb {
+namespace {
+
+constexpr std::array<std::string_view, kUeventKeys> kKeys = [] {
+    std::array<std::string_view, kUeventKeys> keys;
+    for (int key = 0; key < kUeventKeys; ++key)
+        keys[key] = UEventData::kStringID[key];
+    return keys;
+}();
+
+constexpr std::size_t kLongestKey = [] {
+    std::size_t longest = 0;
+    for (const std::string_view key : kKeys)
+        longest = key.size() > longest ? key.size() : longest;
+    return longest;
+}();
+
+// A key is found by its '=': it is the only one in the key, and no two keys can end at the same one.
+constexpr bool EachEndsInItsOnlyEqualsSign() {
+    for (const std::string_view key : kKeys)
+        if (key.size() < 2 || key.find('=') != key.size() - 1) return false;
+    return true;
+}
+constexpr bool NoneEndsInAnother() {
+    for (const std::string_view key : kKeys)
+        for (const std::string_view other : kKeys)
+            if (key != other && key.ends_with(other)) return false;
+    return true;
+}
+static_assert(EachEndsInItsOnlyEqualsSign());
+static_assert(NoneEndsInAnother());
+
+// The keys by the letter before their '='.
+struct KeysByLetter {
+    signed char first[256];         // -1: no key ends like this
+    signed char next[kUeventKeys];  // -1: no other key does
+};
+constexpr KeysByLetter kByLetter = [] {
+    KeysByLetter keys = {};
+    for (signed char& first : keys.first)
+        first = -1;
+    for (int key = kUeventKeys - 1; key >= 0; --key) {
+        signed char& first = keys.first[static_cast<unsigned char>(kKeys[key][kKeys[key].size() - 2])];
+        keys.next[key] = first;
+        first = static_cast<signed char>(key);
+    }
+    return keys;
+}();
+
+// The key that ends at `equals` and begins in [begin, end); -1 when there is none.
+int KeyEndingAt(const char* equals, const char* begin, const char* end) {
+    if (equals == begin) return -1;
+    for (int key = kByLetter.first[static_cast<unsigned char>(equals[-1])]; key >= 0;
+         key = kByLetter.next[key]) {
+        const std::string_view text = kKeys[key];
+        const auto before = static_cast<std::ptrdiff_t>(text.size()) - 1;
+        if (equals - begin < before || equals - before >= end) continue;
+        const char* start = equals - before;
+        if (*start == text[0] && std::memcmp(start, text.data(), text.size() - 1) == 0) return key;
+    }
+    return -1;
+}
+
+const char* FindEquals(const char* from, const char* end) {
+    return static_cast<const char*>(std::memchr(from, '=', static_cast<std::size_t>(end - from)));
+}
+
+}  // namespace
+
+void UNetLinkData::ParseData(char* buf, int len) {
+    if (!buf || len == 0) {
+        ULOG(LOG_FAILED, "buffer is invalid %p %d", static_cast<void*>(buf), len);
+        return;
+    }
+    for (const char*& value : m_values)
+        value = nullptr;
+
+    const char* end = buf + (len > 0 ? len : 1);  // keys begin before this
+    const char* search_end = end;                 // and end before that
+    if (end[-1] != '\0') search_end += strnlen(end, kLongestKey - 1);
+    for (const char* equals = FindEquals(buf, search_end); equals;
+         equals = FindEquals(equals + 1, search_end)) {
+        const int key = KeyEndingAt(equals, buf, end);
+        if (key >= 0) m_values[key] = equals + 1;
+    }
+}
+
+void UNetLinkData::PrintData(bool summary) {
+    if (summary)
+        PrintSummary();
+    else
+        PrintDetails();
+}
+
+void UNetLinkData::PrintSummary() const {
+    if (!m_values[KEY_DEVPATH]) return;
+    ULOG(LOG_INFO, "seq%s-%s-%s %s%s", m_values[KEY_SEQNUM], m_values[KEY_ACTION], m_values[KEY_SUBSYSTEM],
+         kStringID[KEY_DEVPATH], WithoutController(m_values[KEY_DEVPATH]));
+}
+
+void UNetLinkData::PrintDetails() const {
+    for (int key = 0; key < kUeventKeys; ++key) {
+        const bool in_summary =
+            key == KEY_ACTION || key == KEY_DEVPATH || key == KEY_SUBSYSTEM || key == KEY_SEQNUM;
+        if (m_values[key] && !in_summary) ULOG(LOG_INFO, "%s%s", kStringID[key], m_values[key]);
+    }
+}
+
+E_ACTION UNetLinkData::GetAction() {
+    const char* text = m_values[KEY_ACTION];
+    if (!text) {
+        ULOG(LOG_INFO, "there is no action");
+        return ACTION_NONE;
+    }
+    const int action = IndexOf(kStringAction, text);
+    if (action > 0) return static_cast<E_ACTION>(action);
+    ULOG(LOG_INFO, "unknown action(%s)", text);
+    return ACTION_NONE;
+}
+
+E_SUBSYSTEM UNetLinkData::GetSubSystem() {
+    const char* text = m_values[KEY_SUBSYSTEM];
+    if (!text) {
+        ULOG(LOG_INFO, "there is no subsystem");
+        return SUBSYSTEM_NONE;
+    }
+    const int subsystem = IndexOf(kStringSubsystem, text);
+    // Deliberate: no log line for an unknown subsystem, most of the machine's events have one.
+    return subsystem > 0 ? static_cast<E_SUBSYSTEM>(subsystem) : SUBSYSTEM_NONE;
+}
+
+int UNetLinkData::GetUsbDevType() {
+    const char* text = m_values[KEY_DEVTYPE];
+    if (!text) {
+        ULOG(LOG_INFO, "there is no usb devtype");
+        return USB_DEVTYPE_NONE;
+    }
+    const int type = IndexOf(kStringUsbDevType, text);
+    if (type > 0) return type;
+    ULOG(LOG_INFO, "unknown usb devtype(%s)", text);
+    return USB_DEVTYPE_NONE;
+}
+
+int UNetLinkData::GetBlockDevType() {
+    const char* text = m_values[KEY_DEVTYPE];
+    if (!text) {
+        ULOG(LOG_INFO, "there is no block devtype");
+        return BLOCK_DEVTYPE_NONE;
+    }
+    const int type = IndexOf(kStringBlockDevType, text);
+    if (type > 0) return type;
+    ULOG(LOG_INFO, "unknown block devtype(%s)", text);
+    return BLOCK_DEVTYPE_NONE;
+}
+
+void UNetLinkData::GetProduct(unsigned short* vendor, unsigned short* product) {
+    if (!m_values[KEY_PRODUCT]) {
+        ULOG(LOG_INFO, "there is no product");
+        return;
+    }
+    ReadProduct(m_values[KEY_PRODUCT], vendor, product);
+}
+
+int UNetLinkData::GetCustomEvent() {
+    const char* text = m_values[KEY_EVENT];
+    if (!text) {
+        ULOG(LOG_INFO, "there is no event");
+        return 0;
+    }
+    if (UString::IsSameString(text, kStringCustomEvent[1])) return 1;
+    ULOG(LOG_INFO, "unknown event(%s)", text);
+    return 0;
+}
+
+unsigned char UNetLinkData::GetCustomEventPort() {
+    if (!m_values[KEY_PORT_NUM]) {
+        ULOG(LOG_INFO, "there is no event port");
+        return 0;
+    }
+    return static_cast<unsigned char>(UString::ConvertString2Int(m_values[KEY_PORT_NUM]));
+}
+
+int UNetLinkData::GetEnumerate() {
+    const char* text = m_values[KEY_ENUMERATE];
+    if (!text) {
+        ULOG(LOG_INFO, "there is no enumerate");
+        return 0;
+    }
+    if (UString::IsSameString(text, kStringEnumerate[1])) return 1;
+    ULOG(LOG_INFO, "unknown enumerate(%s)", text);
+    return 0;
+}
+
+}  // namespace dcm::usb
