@@ -87,12 +87,12 @@ int UMount::UnMount(char* dir) {
         return -1;
     }
     ULOG(LOG_INFO, "umount processing %s", dir ? dir : "(null)");
-    const int result = dir ? Release(dir) : -1;
+    const int result = dir ? ReleaseAndRemove(dir) : -1;
     ULOG(LOG_DETAIL, "umount %d", result);
     return result;
 }
 
-int UMount::Release(char* dir) {
+int UMount::ReleaseAndRemove(char* dir) {
     if (TryUmount(dir))
         ULOG(LOG_INFO, "um pass p[%s]", dir);
     else

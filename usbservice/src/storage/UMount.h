@@ -25,7 +25,7 @@ public:
     int UnMountForcibly(char* dir);
 
 private:
-    int Release(char* dir);
+    int ReleaseAndRemove(char* dir);
 };
 
 }  // namespace dcm::usb
