@@ -87,6 +87,7 @@ int __wrap__ZN3dcm3usb8UNetLink11InitNetlinkEv(dcm::usb::UNetLink*) {
 
 void __wrap__ZN3dcm3usb8UNetLink12DriveNetLinkEv(dcm::usb::UNetLink*) {
     Did("drive");
+    if (TheStage().at_drive) TheStage().at_drive();
     sched_yield();
 }
 

@@ -19,6 +19,7 @@ struct Stage {
     std::set<std::size_t> no_memory_for;  // sizes that new(nothrow) refuses
     int netlink_failures = 0;             // InitNetlink fails so many times
     std::function<void()> during_scan;    // what happens meanwhile
+    std::function<void()> at_drive;       // what DriveNetLink does
     const char* mounted_at = nullptr;     // of the volume on `mounted_port`
     unsigned mounted_port = 0;
     bool threads = false;  // run() really starts the frame's thread

@@ -7,6 +7,7 @@
 #include "event/UDev.h"
 #include "event/UNetLink.h"
 #include "gmock/gmock.h"
+#include "node/UListNode.h"
 #include "notify/UNotifier.h"
 #include "setting/USetting.h"
 #include "support/Format.h"
@@ -126,6 +127,18 @@ TEST_F(UEventFrame, AnnouncesTheScanWhateverTheAdaptionSays) {
         dcm::usb::USetting::GetInstance()->SetUsbAdaption(port, dcm::usb::USB_ADAPTION_INACTIVE);
     Step(3);
     EXPECT_THAT(Drain(kUsb), ElementsAre(kScanBegin, kScanEnd));
+}
+
+TEST_F(UEventFrame, ADevicePluggedInDuringTheScanIsInTheListOnce) {
+    const auto plug = [] {
+        dcm::usb::UListNode::GetInstance()->InsertNode(dcm::usb::SUBSYSTEM_NET, "/devices/usb1/1-1/net/usb0",
+                                                       nullptr);
+    };
+    TheStage().during_scan = plug;  // seen by the scan
+    TheStage().at_drive = plug;     // and waiting in the socket as an event
+    Make();
+    Step(4);
+    EXPECT_EQ(dcm::usb::UListNode::GetInstance()->GetSize(), 1u);
 }
 
 TEST_F(UEventFrame, PassesOverTheMessagesThatItIsGiven) {
