@@ -34,8 +34,8 @@ namespace {
 constexpr unsigned int kMaxRecordBytes = 4096;  // of an incoming record; the longest known one has 364
 constexpr unsigned kMaxConnections = 16;        // per sender; the ones beyond are closed at once
 constexpr int kListenBacklog = 16;
-constexpr int kTurn = 64;             // records from one connection before the next has its turn
-constexpr int kAcceptRetryMs = 1000;  // after the process ran out of descriptors
+constexpr int kTurn = 64;            // records from one connection before the next has its turn
+constexpr int kAcceptRetryMs = 200;  // after the process ran out of descriptors
 constexpr mode_t kFolderMode = 0755;
 constexpr mode_t kSocketMode = 0660;  // who may connect: owner and group
 
@@ -122,6 +122,7 @@ private:
         std::string path;  // listener: of the socket that was made here; empty when it was handed over
         unsigned connections = 0;  // listener
         bool paused = false;       // listener: no descriptors left
+        bool starves = false;      // listener: said that there are none
         bool turns_away = false;   // listener: said that there are too many connections
 
         ucred peer{};           // connection
@@ -210,7 +211,7 @@ void DcmInterface::Receiver::Listen(std::size_t index) {
         const std::string path = m_folder + "/" + listener.sender->name;
         listener.fd = MakeSocket(path);
         if (listener.fd < 0) return;
-        listener.path = path;
+        listener.path = path;  // taken away at the end
     }
     // Each record then comes with its sender, so that one without bytes differs from the end of the
     // connection.
@@ -269,6 +270,7 @@ void DcmInterface::Receiver::Accept(Endpoint* listener) {
         if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) Pause(listener, error);
         return;  // all else: the peer is gone already
     }
+    listener->starves = false;
     ucred peer{};
     socklen_t size = sizeof peer;
     const int yes = 1;
@@ -303,8 +305,10 @@ void DcmInterface::Receiver::Accept(Endpoint* listener) {
 
 // Out of descriptors: the waiting peer stays readable, and would be tried again and again.
 void DcmInterface::Receiver::Pause(Endpoint* listener, int error) {
-    PLOG(LOG_FAILED, "%s: nobody can connect for a while: %s", listener->sender->name,
-         strerrordesc_np(error));
+    if (!listener->starves)
+        PLOG(LOG_FAILED, "%s: nobody can connect for a while: %s", listener->sender->name,
+             strerrordesc_np(error));
+    listener->starves = true;
     epoll_event event{};
     event.data.ptr = listener;
     if (epoll_ctl(m_epoll, EPOLL_CTL_MOD, listener->fd, &event) != 0) return;

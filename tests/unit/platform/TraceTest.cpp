@@ -1,0 +1,449 @@
+#include "platform/trace.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <regex>
+#include <thread>
+
+#include "Bench.h"
+#include "gmock/gmock.h"
+
+namespace {
+
+using test::CapturedLog;
+using test::Descriptor;
+using test::SplitLines;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using ::testing::SizeIs;
+
+constexpr char kFile[] = "/build/usbservice/src/board/UPort.cpp";
+
+template <typename... Values>
+void Log(const char* format, Values... values) {
+    ka_log_print(kFile, "CalcUsbPort", 42, 128, 2816, 0, format, values...);
+}
+
+// What a line says after its head and place.
+std::string TextOf(const std::string& line) {
+    const std::string place = "UPort.cpp:42 CalcUsbPort: ";
+    const std::size_t at = line.find(place);
+    return at == std::string::npos ? "no place in: " + line : line.substr(at + place.size());
+}
+
+// What one line says.
+template <typename... Values>
+std::string Logged(const char* format, Values... values) {
+    CapturedLog log;
+    Log(format, values...);
+    const std::vector<std::string> lines = log.Lines();
+    return lines.size() == 1 ? TextOf(lines[0]) : "not one line";
+}
+
+// Standard error is a pipe while it lives.
+class PipedLog {
+public:
+    explicit PipedLog(int bytes = 0) : m_before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)) {
+        int ends[2];
+        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        m_reader = Descriptor(ends[0]);
+        if (bytes > 0) {
+            EXPECT_GE(fcntl(ends[1], F_SETPIPE_SZ, bytes), bytes);
+        }
+        dup2(ends[1], STDERR_FILENO);
+        close(ends[1]);
+    }
+    ~PipedLog() { Finish(); }
+    void Finish() { dup2(m_before.get(), STDERR_FILENO); }  // the reader then sees the end
+    void LoseReader() { m_reader.Close(); }
+    int reader() const { return m_reader.get(); }
+
+    std::string ReadWhatIsThere() {
+        std::string text;
+        char piece[4096];
+        pollfd descriptor{reader(), POLLIN, 0};
+        while (poll(&descriptor, 1, 0) > 0) {
+            const ssize_t count = read(reader(), piece, sizeof piece);
+            if (count <= 0) break;
+            text.append(piece, static_cast<std::size_t>(count));
+        }
+        return text;
+    }
+    std::string ReadToTheEnd() {
+        std::string text;
+        char piece[65536];
+        for (ssize_t count = 0; (count = read(reader(), piece, sizeof piece)) > 0;)
+            text.append(piece, static_cast<std::size_t>(count));
+        return text;
+    }
+
+private:
+    Descriptor m_before;
+    Descriptor m_reader;
+};
+
+unsigned long LostBefore(const std::string& line) {
+    std::smatch match;
+    return std::regex_search(line, match, std::regex(R"(\((\d+) lines lost\))")) ? std::stoul(match[1]) : 0;
+}
+
+TEST(TraceLine, SaysTimeLevelModuleThreadAndPlace) {
+    CapturedLog log;
+    pthread_setname_np(pthread_self(), "bench");
+    ka_log_print(kFile, "CalcUsbPort", 42, 192, 3584, 1792, "port:%d", 12);
+    EXPECT_THAT(log.Lines(), ElementsAre(MatchesRegex("\\[ *[0-9]+\\.[0-9]{6}\\] 192 3584\\.1792 " +
+                                                      std::to_string(gettid()) +
+                                                      "/bench UPort\\.cpp:42 CalcUsbPort: port:12")));
+}
+
+TEST(TraceLine, NullTextIsPrintedAsNull) {
+    const char* volatile null = nullptr;  // unknown to the compiler
+    EXPECT_EQ(Logged<const char*>("vol ret (%s,%s)", null, "x"), "vol ret ((null),x)");
+    EXPECT_EQ(Logged(static_cast<const char*>(nullptr)), "(null)");
+    CapturedLog log;
+    ka_log_print(nullptr, nullptr, 1, 192, 1, 0, "%s", "text");
+    EXPECT_THAT(log.Lines(), ElementsAre(EndsWith(" ?:1 ?: text")));
+}
+
+TEST(TraceLine, EscapesControlBytesSoThatOneCallIsOneLine) {
+    EXPECT_EQ(Logged("%s", "a\nb\rc\td\x1b[31me\x7f"), "a\\x0ab\\x0dc\\x09d\\x1b[31me\\x7f");
+    EXPECT_EQ(Logged("broken\n"), "broken\\x0a");
+    EXPECT_EQ(Logged("%s", "\xC2\x9B"), "\\xc2\\x9b");  // a control character of two bytes
+    EXPECT_EQ(Logged("%s", "%n%s"), "%n%s");
+}
+
+TEST(TraceLine, KeepsValidUtf8AndEscapesTheRest) {
+    const std::string valid = "\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x94\x8C \xC2\xA0";
+    EXPECT_EQ(Logged("%s", valid.c_str()), valid);
+    EXPECT_EQ(Logged("%s", "a\xFFz"), "a\\xffz");
+    EXPECT_EQ(Logged("%s", "a\xC3"), "a\\xc3");  // its second byte is missing
+    EXPECT_EQ(Logged("%s", "\xC3z"), "\\xc3z");
+    EXPECT_EQ(Logged("%s", "\xA9"), "\\xa9");
+    EXPECT_EQ(Logged("%s", "\xC0\x8A"), "\\xc0\\x8a");  // overlong newline
+    EXPECT_EQ(Logged("%s", "\xE0\x80\x8A"), "\\xe0\\x80\\x8a");
+    EXPECT_EQ(Logged("%s", "\xF0\x80\x80\x8A"), "\\xf0\\x80\\x80\\x8a");
+    EXPECT_EQ(Logged("%s", "\xED\xA0\x80"), "\\xed\\xa0\\x80");           // surrogate
+    EXPECT_EQ(Logged("%s", "\xF4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");  // above the last character
+}
+
+TEST(TraceLine, LongTextIsCutAtPipeBufWithAMark) {
+    CapturedLog log;
+    Log("%s", std::string(10000, 'x').c_str());
+    Log("%s", "next");
+    const std::vector<std::string> lines = log.Lines();
+    ASSERT_THAT(lines, SizeIs(2));
+    EXPECT_LT(lines[0].size(), static_cast<std::size_t>(PIPE_BUF));
+    EXPECT_GT(lines[0].size(), static_cast<std::size_t>(PIPE_BUF) - 16);
+    EXPECT_THAT(lines[0], EndsWith("xxx[...]"));
+    EXPECT_EQ(TextOf(lines[1]), "next");
+}
+
+TEST(TraceLine, TheCutBreaksNeitherACharacterNorAnEscape) {
+    for (const char* unit : {"\xF0\x9F\x94\x8C", "\xE2\x82\xAC", "\xC3\xA9", "\x01"})
+        for (std::size_t shift = 0; shift < 4; ++shift) {
+            std::string text(shift, 'x');
+            while (text.size() < 8000)
+                text += unit;
+            std::string said = Logged("%s", text.c_str());
+            ASSERT_THAT(said, EndsWith("[...]"));
+            said.resize(said.size() - 5);
+            const std::string shown = *unit == '\x01' ? "\\x01" : unit;
+            ASSERT_EQ((said.size() - shift) % shown.size(), 0u) << said.substr(said.size() - 12);
+            ASSERT_THAT(said, EndsWith(shown));
+        }
+}
+
+TEST(TraceLine, LongNamesOfPlacesLeaveRoomForTheText) {
+    CapturedLog log;
+    const std::string name(3000, 'n');
+    ka_log_print(name.c_str(), name.c_str(), 1, 192, 1, 0, "%s", "the text");
+    EXPECT_THAT(log.Lines(), ElementsAre(EndsWith(": the text")));
+}
+
+TEST(TraceLevel, LineBelowTheThresholdIsNotWritten) {
+    CapturedLog log;
+    const int before = ka_log_threshold;
+    ka_log_threshold = 160;
+    ka_log_print(kFile, "f", 1, 159, 2816, 0, "below");
+    ka_log_print(kFile, "f", 1, 160, 2816, 0, "at");
+    ka_log_threshold = before;
+    EXPECT_THAT(log.Lines(), ElementsAre(EndsWith("f: at")));
+}
+
+TEST(TraceCall, KeepsErrnoAndShowsItToTheFormat) {
+    CapturedLog log;
+    errno = ENOENT;
+    Log("%m");
+    EXPECT_EQ(errno, ENOENT);
+    PipedLog pipe;
+    pipe.LoseReader();
+    errno = EBUSY;
+    Log("nobody reads");
+    EXPECT_EQ(errno, EBUSY);
+    pipe.Finish();
+    EXPECT_EQ(TextOf(log.Lines()[0]), "No such file or directory");
+    Log("clears the count of lost lines");
+}
+
+TEST(TraceCall, AllocatesNothing) {
+    CapturedLog log;
+    const std::string text(2000, '\n');
+    const unsigned long before = test::g_allocations;
+    for (int i = 0; i < 10; ++i)
+        Log("%s %d %p", text.c_str(), i, static_cast<const void*>(&log));
+    EXPECT_EQ(test::g_allocations - before, 0u);
+}
+
+// Runs the writer in a process of its own and returns what it wrote.
+std::string WriterSays(const std::vector<std::pair<std::string, std::string>>& environment,
+                       const std::vector<std::string>& lines, bool journal = false) {
+    int ends[2];
+    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    struct stat status;
+    fstat(ends[1], &status);
+    const std::string stream = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+    std::vector<char*> arguments{const_cast<char*>(WRITER_PROGRAM)};
+    for (const std::string& line : lines)
+        arguments.push_back(const_cast<char*>(line.c_str()));
+    arguments.push_back(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        for (const auto& [name, value] : environment)
+            setenv(name.c_str(), value.c_str(), 1);
+        if (journal) setenv("JOURNAL_STREAM", stream.c_str(), 1);
+        dup2(ends[1], STDERR_FILENO);
+        execv(WRITER_PROGRAM, arguments.data());
+        _exit(127);
+    }
+    close(ends[1]);
+    std::string text;
+    char piece[4096];
+    for (ssize_t count = 0; (count = read(ends[0], piece, sizeof piece)) > 0;)
+        text.append(piece, static_cast<std::size_t>(count));
+    close(ends[0]);
+    int result = 0;
+    EXPECT_EQ(waitpid(child, &result, 0), child);
+    EXPECT_EQ(result, 0);
+    return text;
+}
+
+TEST(TraceStart, JournalGetsItsPriorityInFrontOfTheLine) {
+    EXPECT_THAT(
+        SplitLines(WriterSays({{"KA_LOG_LEVEL", "32"}}, {"192:a", "160:b", "128:c", "64:d", "32:e"}, true)),
+        ElementsAre(MatchesRegex("<3>192 2816\\.0 .*Writer\\.cpp:7 main: a"), MatchesRegex("<4>160 .*: b"),
+                    MatchesRegex("<6>128 .*: c"), MatchesRegex("<7>64 .*: d"), MatchesRegex("<7>32 .*: e")));
+}
+
+TEST(TraceStart, JournalStreamOfSomethingElseIsIgnored) {
+    for (const char* stream : {"1:1", "", "nonsense", "1"})
+        EXPECT_THAT(WriterSays({{"JOURNAL_STREAM", stream}}, {"192:a"}),
+                    MatchesRegex("\\[ *[0-9].*main: a\n"));
+}
+
+TEST(TraceStart, ThresholdComesFromTheEnvironment) {
+    EXPECT_THAT(SplitLines(WriterSays({}, {"127:no", "128:yes"})), ElementsAre(EndsWith(": yes")));
+    EXPECT_THAT(SplitLines(WriterSays({{"KA_LOG_LEVEL", "192"}}, {"160:no", "192:yes"})),
+                ElementsAre(EndsWith(": yes")));
+    EXPECT_THAT(SplitLines(WriterSays({{"KA_LOG_LEVEL", "0"}}, {"0:yes"})), ElementsAre(EndsWith(": yes")));
+}
+
+TEST(TraceStart, ThresholdThatIsNoNumberIsReportedAndLeftOut) {
+    for (const char* level : {"loud", "", "12x", "-1", "99999999999999999999"})
+        EXPECT_THAT(SplitLines(WriterSays({{"KA_LOG_LEVEL", level}}, {"127:no", "128:yes"})),
+                    ElementsAre(HasSubstr(std::string("KA_LOG_LEVEL is no level: \"") + level + "\""),
+                                EndsWith(": yes")));
+}
+
+TEST(TraceThreads, LinesOfManyThreadsNeverMixEvenWhenTheyAreTooLong) {
+    PipedLog pipe;
+    std::string text;
+    std::thread reader([&] { text = pipe.ReadToTheEnd(); });
+    constexpr int kThreads = 6;
+    constexpr int kLines = 150;
+    std::vector<std::thread> writers;
+    for (int writer = 0; writer < kThreads; ++writer)
+        writers.emplace_back([writer] {
+            for (int i = 0; i < kLines; ++i)
+                Log("%s",
+                    std::string(static_cast<std::size_t>(i * 61 % 6000), static_cast<char>('a' + writer))
+                        .c_str());
+        });
+    for (std::thread& writer : writers)
+        writer.join();
+    pipe.Finish();
+    reader.join();
+
+    unsigned long said = 0;
+    for (const std::string& line : SplitLines(text)) {
+        ASSERT_LE(line.size(), static_cast<std::size_t>(PIPE_BUF));
+        std::string body = TextOf(line);
+        if (body.size() > 5 && body.ends_with("[...]")) body.resize(body.size() - 5);
+        ASSERT_TRUE(body.empty() || body == std::string(body.size(), body[0])) << line;
+        said += 1 + LostBefore(line);
+    }
+    // What a starved reader costs is counted on a later line, or is still to be reported.
+    CapturedLog log;
+    Log("last");
+    said += LostBefore(log.Lines()[0]);
+    EXPECT_EQ(said, static_cast<unsigned long>(kThreads * kLines));
+}
+
+TEST(TraceReader, DeadReaderKillsNobodyAndTheLossIsReported) {
+    PipedLog pipe;
+    pipe.LoseReader();
+    for (int i = 0; i < 100; ++i)
+        Log("nobody reads");
+    sigset_t pending;
+    sigpending(&pending);
+    EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGPIPE), 0);
+    pipe.Finish();
+    CapturedLog log;
+    Log("somebody does");
+    Log("and again");
+    EXPECT_THAT(log.Lines(), ElementsAre(HasSubstr(" (100 lines lost) UPort"), HasSubstr(" UPort")));
+    EXPECT_EQ(LostBefore(log.Lines()[1]), 0u);
+}
+
+TEST(TraceReader, DeadReaderOfASocketKillsNobody) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    Descriptor before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[1]);
+    Log("read");
+    char line[PIPE_BUF];
+    EXPECT_GT(read(ends[0], line, sizeof line), 0);
+    close(ends[0]);
+    Log("not read");
+    dup2(before.get(), STDERR_FILENO);
+    CapturedLog log;
+    Log("next");
+    EXPECT_EQ(LostBefore(log.Lines()[0]), 1u);
+}
+
+TEST(TraceReader, StoppedReaderDelaysOneLineAndLosesTheOthersAtOnce) {
+    PipedLog pipe(4096);
+    constexpr unsigned long kLines = 3000;
+    const auto begin = std::chrono::steady_clock::now();
+    for (unsigned long i = 0; i < kLines; ++i)
+        Log("line %lu of many that fill the pipe", i);
+    // Were each to wait, it would be minutes.
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+    const std::vector<std::string> kept = SplitLines(pipe.ReadWhatIsThere());
+    ASSERT_LT(kept.size(), 100u);
+    Log("read again");
+    const std::vector<std::string> after = SplitLines(pipe.ReadWhatIsThere());
+    ASSERT_THAT(after, SizeIs(1));
+    EXPECT_EQ(LostBefore(after[0]), kLines - kept.size());
+    EXPECT_EQ(TextOf(after[0]), "read again");
+    for (std::size_t i = 0; i < kept.size(); ++i)
+        EXPECT_EQ(TextOf(kept[i]), "line " + std::to_string(i) + " of many that fill the pipe");
+}
+
+TEST(TraceReader, StoppedReaderOfASocketStopsNobody) {
+    // A socket is written without waiting too; here its buffer fills.
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    Descriptor before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[1]);
+    const std::string text(3000, 'x');
+    for (int i = 0; i < 1000; ++i)
+        Log("%s", text.c_str());
+    dup2(before.get(), STDERR_FILENO);
+    close(ends[0]);
+    CapturedLog log;
+    Log("next");
+    EXPECT_GT(LostBefore(log.Lines()[0]), 500u);
+}
+
+TEST(TraceReader, HalfALineIsFinishedByANewlineBeforeTheNextOne) {
+    char path[] = "/tmp/trace-test-XXXXXX";
+    Descriptor file(mkstemp(path));
+    unlink(path);
+    const pid_t child = fork();
+    if (child == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        dup2(file.get(), STDERR_FILENO);
+        rlimit limit{};
+        getrlimit(RLIMIT_FSIZE, &limit);
+        const rlimit small{100, limit.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &small);
+        Log("%s", std::string(200, 'x').c_str());
+        setrlimit(RLIMIT_FSIZE, &limit);
+        Log("whole");
+        _exit(0);
+    }
+    int result = 0;
+    ASSERT_EQ(waitpid(child, &result, 0), child);
+    std::string text(4096, '\0');
+    text.resize(static_cast<std::size_t>(pread(file.get(), text.data(), text.size(), 0)));
+    const std::vector<std::string> lines = SplitLines(text);
+    ASSERT_THAT(lines, SizeIs(2));
+    EXPECT_THAT(lines[0], AllOf(SizeIs(100), EndsWith("xx")));
+    EXPECT_EQ(TextOf(lines[1]), "whole");
+    EXPECT_EQ(LostBefore(lines[1]), 1u);
+}
+
+TEST(TraceReader, ClosedStandardErrorHarmsNobody) {
+    Descriptor before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    close(STDERR_FILENO);
+    Log("nowhere");
+    dup2(before.get(), STDERR_FILENO);
+    CapturedLog log;
+    Log("next");
+    EXPECT_EQ(LostBefore(log.Lines()[0]), 1u);
+}
+
+TEST(TraceCall, LeavesNoDescriptorBehind) {
+    PipedLog pipe;
+    const std::size_t before = test::OpenDescriptors();
+    for (int i = 0; i < 50; ++i)
+        Log("line");
+    EXPECT_EQ(test::OpenDescriptors(), before);
+}
+
+TEST(TraceFork, ChildLogsWhileAnotherThreadLogsInALoop) {
+    CapturedLog log;
+    std::atomic<bool> done{false};
+    std::thread busy([&] {
+        while (!done)
+            Log("busy");
+    });
+    constexpr int kForks = 30;
+    for (int i = 0; i < kForks; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            Log("child");
+            _exit(0);
+        }
+        int result = -1;
+        const bool ended = test::Eventually([&] { return waitpid(child, &result, WNOHANG) == child; });
+        if (!ended) {
+            kill(child, SIGKILL);
+            waitpid(child, &result, 0);
+        }
+        EXPECT_TRUE(ended) << "the child hangs";
+        EXPECT_EQ(result, 0);
+    }
+    done = true;
+    busy.join();
+    EXPECT_THAT(log.LinesWith(": child"), SizeIs(kForks));
+}
+
+}  // namespace
