@@ -2,12 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <vector>
 
 #include "shm/Complaint.h"
@@ -22,15 +22,6 @@ constexpr std::uint32_t kPayloadMost = 26624;  // what the driver takes
 constexpr std::uint32_t kBufferMost = 27136;   // and the buffer for it
 constexpr std::uint32_t kBufferGranule = 512;  // the driver's buffers are multiples of this
 
-// The driver, opened once and kept for the life of the process; -1 as long as it cannot be opened.
-int OpenDriver() {
-    static std::mutex mutex;
-    static int driver = -1;
-    std::lock_guard lock(mutex);
-    if (driver < 0) driver = open(kDriver, O_WRONLY | O_CLOEXEC);
-    return driver;
-}
-
 }  // namespace
 
 SendLengths set_lengths(std::size_t characters) {
@@ -44,12 +35,23 @@ SendLengths set_lengths(std::size_t characters) {
     return {static_cast<std::uint32_t>(payload), static_cast<std::uint32_t>(buffer)};
 }
 
-void low_send(ssmID::e_SsmID id, std::uint64_t receivers) {
+CssDriver::~CssDriver() {
+    if (m_driver >= 0) close(m_driver);
+}
+
+// -1 as long as it cannot be opened: the next notification tries again.
+int CssDriver::Open() {
+    std::lock_guard lock(m_mutex);
+    if (m_driver < 0) m_driver = open(kDriver, O_WRONLY | O_CLOEXEC);
+    return m_driver;
+}
+
+void CssDriver::Send(ssmID::e_SsmID id, std::uint64_t receivers) {
     const MemoryData* row = get_table_index(id);
     if (!row) return;
-    const int driver = OpenDriver();
+    const int driver = Open();
     if (driver < 0) {
-        Complain(__func__, "open failed");
+        Complain("low_send", "open failed");
         return;
     }
     const std::size_t characters = std::strlen(row->path);
@@ -61,7 +63,12 @@ void low_send(ssmID::e_SsmID id, std::uint64_t receivers) {
     request.length = lengths.payload;
     request.size = lengths.buffer;
     request.buffer = buffer.data();
-    if (ioctl(driver, 0, &request) < 0) ComplainOfCall(__func__, "ioctl", kDriver, errno);
+    if (ioctl(driver, 0, &request) < 0) ComplainOfCall("low_send", "ioctl", kDriver, errno);
+}
+
+void low_send(ssmID::e_SsmID id, std::uint64_t receivers) {
+    static CssDriver& driver = *new CssDriver;  // never closed: a late thread may still write a record
+    driver.Send(id, receivers);
 }
 
 }  // namespace shm
