@@ -184,7 +184,7 @@ class Settings(ServiceCase):
         keyboard = board.keyboard()
         self.board.plug(keyboard)
         self.settle()
-        self.expect_log("don't remove it because customer_hub is supported", level=128)
+        self.expect_log("don't remove it because customer_hub is supported")
         self.board.unplug(keyboard)
 
     def test_an_unchanged_persistent_record_is_saved_all_the_same(self):

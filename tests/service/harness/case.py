@@ -28,6 +28,7 @@ def programs():
 class ServiceCase(unittest.TestCase):
     """Subclasses say in `prepare` what is there before the service starts."""
     LEVEL = 0               # of the service's log
+    KEEP = None             # which of its lines are kept; all
     RECEIVERS = peers.RECEIVERS
     maxDiff = None
 
@@ -52,7 +53,7 @@ class ServiceCase(unittest.TestCase):
 
     @classmethod
     def start_service(cls, **environment):
-        cls.service = service.Service(environment.pop("level", cls.LEVEL), environment)
+        cls.service = service.Service(environment.pop("level", cls.LEVEL), environment, cls.KEEP)
         cls.wait_until_running()
 
     @classmethod

@@ -181,7 +181,7 @@ class Peers:
             try:
                 one.connect(path)
                 return one
-            except (FileNotFoundError, ConnectionRefusedError):
+            except (FileNotFoundError, ConnectionRefusedError, BlockingIOError):     # or too many wait
                 one.close()
                 if time.monotonic() > deadline:
                     raise

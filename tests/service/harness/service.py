@@ -44,14 +44,15 @@ def parse(raw):
 
 
 class Service:
-    """One run. Its log is read all the time by a thread of ours."""
+    """One run. Its log is read all the time by a thread of ours. `keep`: which lines (bytes) are worth keeping."""
 
-    def __init__(self, level=0, environment=None):
+    def __init__(self, level=0, environment=None, keep=None):
         own = {"KA_LOG_LEVEL": str(level), "SYSTEMD_DEVICE_VERIFY_SYSFS": "0", "PATH": "/usr/bin:/bin",
                "ASAN_OPTIONS": "abort_on_error=0:handle_abort=1", "UBSAN_OPTIONS": "print_stacktrace=1",
                "TSAN_OPTIONS": "halt_on_error=0"}
         own.update(environment or {})
         self.level = level
+        self.keep = keep
         self.lines = []
         self.changed = threading.Condition()
         self.ended = False
@@ -72,7 +73,8 @@ class Service:
         with open(read, "rb", buffering=0) as pipe:
             while data := pipe.read(1 << 18):
                 *whole, rest = (rest + data).split(b"\n")
-                parsed = [parse(line.decode("utf-8", "backslashreplace")) for line in whole]
+                parsed = [parse(line.decode("utf-8", "backslashreplace")) for line in whole
+                          if self.keep is None or self.keep(line)]
                 with self.changed:
                     self.lines += parsed
                     self.changed.notify_all()

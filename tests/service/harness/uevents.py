@@ -10,9 +10,10 @@ NLM_F_REQUEST, NLM_F_ACK = 1, 4
 NLMSG_ERROR = 2
 
 
-def text(action, devpath, **keys):
-    """The bytes of a uevent as the kernel lays them out. A key whose value is None is left out."""
-    lines = [f"{action}@{devpath}", f"ACTION={action}", f"DEVPATH={devpath}"]
+def text(action, devpath, head=None, **keys):
+    """The bytes of a uevent as the kernel lays them out, or with another first line. A key whose value is None is
+    left out."""
+    lines = [head or f"{action}@{devpath}", f"ACTION={action}", f"DEVPATH={devpath}"]
     lines += [f"{key}={value}" for key, value in keys.items() if value is not None]
     return "".join(line + "\0" for line in lines).encode("utf-8", "surrogateescape")
 
@@ -41,8 +42,3 @@ class Injector:
 
     def emit(self, action, devpath, **keys):
         self.by_kernel(text(action, devpath, **keys))
-
-
-def fits_the_kernel(message):
-    """Whether the kernel would take it: it keeps 2048 bytes, its own SEQNUM included."""
-    return len(message) <= 1900
