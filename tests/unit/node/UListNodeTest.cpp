@@ -596,6 +596,7 @@ TEST_F(UListNodeTest, OtherThreadsMayLookWhileNodesComeChangeAndGo) {
             List().FindNetNode(1);
             List().FindTestMountedBlockNode(1, path, sizeof path);
             List().FindNode(kPort1.c_str());
+            std::this_thread::yield();  // the lock is not fair
         }
     });
     const Device stick{0x1234, 1, {{"08", "06", "50"}}};

@@ -74,17 +74,19 @@ UNode* UListNode::InsertNode(E_SUBSYSTEM subsystem, const char* devpath, UNotifi
         ULOG(LOG_FAILED, "devpath is null");
         return nullptr;
     }
-    if (UNode* known = FindNode(devpath)) {
+    const UPathIndex::Key key(devpath);
+    Lock();
+    if (UNode* known = m_index.Find(key)) {
+        Unlock();
         ULOG(LOG_REFUSED, "already exists");
         return known;
     }
-    Lock();
     UNode* node = MakeNode(subsystem, devpath, notifier);
     if (!node) {
         Unlock();
         return nullptr;
     }
-    Append(node);
+    Append(node, key);
     UNode* parent = node->m_parent;
     const std::size_t size = m_size;
     Unlock();
@@ -93,14 +95,14 @@ UNode* UListNode::InsertNode(E_SUBSYSTEM subsystem, const char* devpath, UNotifi
     return node;
 }
 
-void UListNode::Append(UNode* node) {
+void UListNode::Append(UNode* node, const UPathIndex::Key& key) {
     node->m_place.position = m_lists.size();
     m_lists.push_back(node);
     ++m_size;
     if (!node->m_devpath) return;  // memory ran out: nobody can name this node
 
-    UNode* parent = m_index.FindDeepestAbove(node->m_devpath);
-    m_index.Insert(node);
+    UNode* parent = m_index.FindDeepestAbove(key);
+    m_index.Insert(node, key);
     node->m_parent = parent;
     if (!parent) return;
     UNode*& last = parent->m_place.last_child;
@@ -149,8 +151,9 @@ void UListNode::CloseGaps() {
 
 void UListNode::RemoveNode(const char* devpath) {
     if (!devpath) return;
+    const UPathIndex::Key key(devpath);
     Lock();
-    UNode* node = m_index.Find(devpath);
+    UNode* node = m_index.Find(key);
     if (!node) {
         Unlock();
         return;
@@ -178,8 +181,9 @@ void UListNode::RemoveAllNodes() {
 
 UNode* UListNode::FindNode(const char* devpath) {
     if (!devpath) return nullptr;
+    const UPathIndex::Key key(devpath);
     Lock();
-    UNode* node = m_index.Find(devpath);
+    UNode* node = m_index.Find(key);
     Unlock();
     return node;
 }

@@ -72,7 +72,7 @@ private:
     UNode* FindFirst(Wanted wanted);
     template <typename Wanted>
     UNode* FindFirstLocked(Wanted wanted);
-    void Append(UNode* node);
+    void Append(UNode* node, const UPathIndex::Key& key);
     void Unlink(UNode* node);
     void CloseGaps();
 

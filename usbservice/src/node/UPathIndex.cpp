@@ -1,6 +1,6 @@
 #include "node/UPathIndex.h"
 
-#include <algorithm>
+#include <bit>
 #include <cstring>
 #include <utility>
 
@@ -10,9 +10,13 @@ namespace dcm::usb {
 
 namespace {
 
-constexpr std::size_t kFirstBuckets = 64;  // a car's usual number of devices without growing
+constexpr unsigned kHashBits = 64;
+constexpr unsigned kFirstBits = 6;  // a car's usual number of devices without growing
+constexpr unsigned kEndsBits =
+    3;  // so many more slots than buckets: stems that share one cost a look in vain
 constexpr std::uint64_t kSeed = 0x9e3779b97f4a7c15;
-constexpr std::uint64_t kFactor = 0xff51afd7ed558ccd;  // odd, its bits well mixed
+constexpr std::uint64_t kFactor1 = 0xff51afd7ed558ccd;  // both odd, their bits well mixed
+constexpr std::uint64_t kFactor2 = 0xc4ceb9fe1a85ec53;
 
 std::uint64_t Load(const char* bytes) {
     std::uint64_t word;
@@ -20,106 +24,118 @@ std::uint64_t Load(const char* bytes) {
     return word;
 }
 
-std::uint64_t Mix(std::uint64_t hash, std::uint64_t word) {
-    hash = (hash ^ word) * kFactor;
-    return hash ^ hash >> 32;
+// Each byte moves the highest bits of the result.
+inline std::uint64_t Mix(std::uint64_t hash, std::uint64_t word1, std::uint64_t word2) {
+    return (std::rotl(hash, 32) ^ word1) * kFactor1 + word2 * kFactor2;
 }
 
-// The hash of the first `length` bytes, whose whole strides but the last bytes (1 to 8) gave `stem`.
-std::uint64_t HashEnd(std::uint64_t stem, const char* path, std::size_t length) {
-    std::uint64_t tail = 0;
-    if (length >= sizeof tail)
-        tail = Load(path + length - sizeof tail) >> (-length % sizeof tail * 8);
-    else
-        std::memcpy(&tail, path, length);
-    return Mix(stem, tail ^ length);
-}
-
-struct Hashes {
-    std::uint64_t stem;
-    std::uint64_t path;
-};
-
-Hashes HashOf(const char* path, std::size_t length) {
-    std::uint64_t stem = kSeed;
-    for (std::size_t at = 0; at + sizeof stem < length; at += sizeof stem)
-        stem = Mix(stem, Load(path + at));
-    return {stem, HashEnd(stem, path, length)};
+// The hash of the first `length` bytes, of which whole strides gave `stem`.
+inline std::uint64_t HashEnd(std::uint64_t stem, const char* path, std::size_t length) {
+    constexpr std::size_t word = sizeof stem;
+    const char* end = path + length;
+    std::uint64_t word1 = 0;
+    std::uint64_t word2 = 0;
+    if (length >= 2 * word) {  // some bytes are in the stem already: no harm
+        word1 = Load(end - 2 * word);
+        word2 = Load(end - word);
+    } else if (length >= word) {
+        word1 = Load(path);
+        word2 = Load(end - word);
+    } else {
+        std::memcpy(&word1, path, length);
+    }
+    return Mix(Mix(stem, word1, word2), length, 0);
 }
 
 }  // namespace
 
-UPathIndex::UPathIndex() : m_buckets(kFirstBuckets), m_ends(kFirstBuckets) {}
-
-UNode* UPathIndex::Find(const char* path) const {
-    const std::size_t length = std::strlen(path);
-    return length == 0 ? nullptr : FindHashed(HashOf(path, length).path, path, length);
+UPathIndex::Key::Key(const char* path) : m_path(path), m_length(std::strlen(path)) {
+    m_last = m_length == 0 ? 0 : (m_length - 1) / kStride;
+    if (m_last >= kNear) {
+        m_far = std::make_unique<std::uint64_t[]>(m_last + 1);
+        m_stems = m_far.get();
+    }
+    std::uint64_t* out = m_stems;
+    std::uint64_t stem = kSeed;
+    for (const char* end = path + m_last * kStride; path != end; path += kStride) {
+        *out++ = stem;
+        stem = Mix(stem, Load(path), Load(path + kStride / 2));
+    }
+    *out = stem;
+    if (m_length != 0) m_hash = HashEnd(stem, m_path, m_length);
 }
 
-UNode* UPathIndex::FindHashed(std::uint64_t hash, const char* path, std::size_t length) const {
-    UNode* node = m_buckets[hash & (m_buckets.size() - 1)];
-    for (; node; node = node->m_place.next_in_bucket) {
+UPathIndex::UPathIndex()
+    : m_bits(kFirstBits), m_buckets(1u << kFirstBits), m_ends(1u << (kFirstBits + kEndsBits)) {}
+
+inline UNode* UPathIndex::FindHashed(std::uint64_t hash, const char* path, std::size_t length) const {
+    for (UNode* node = m_buckets[hash >> (kHashBits - m_bits)]; node; node = node->m_place.next_in_bucket) {
         const UNode::Place& place = node->m_place;
         if (place.path_hash == hash && place.path_length == length &&
             std::memcmp(node->m_devpath, path, length) == 0)
-            break;
+            return node;
     }
-    return node;
+    return nullptr;
 }
 
-UNode* UPathIndex::FindDeepestAbove(const char* path) const {
-    const std::size_t length = std::strlen(path);
-    const std::size_t mask = m_ends.size() - 1;
-    UNode* deepest = nullptr;
-    std::uint64_t stem = kSeed;
-    for (std::size_t at = 0; at + 1 < length; at += kStride) {
-        const Ends& ends = m_ends[stem & mask];
-        const bool none =
-            (ends[0] | ends[1] | ends[2] | ends[3] | ends[4] | ends[5] | ends[6] | ends[7]) == 0;
-        const std::size_t most = none ? 0 : std::min(kStride, length - 1 - at);
-        for (std::size_t behind = 1; behind <= most; ++behind) {
-            if (ends[behind - 1] == 0) continue;
-            UNode* node = FindHashed(HashEnd(stem, path, at + behind), path, at + behind);
-            if (node) deepest = node;
+UNode* UPathIndex::Find(const Key& key) const {
+    return key.m_length == 0 ? nullptr : FindHashed(key.m_hash, key.m_path, key.m_length);
+}
+
+UNode* UPathIndex::FindDeepestAbove(const Key& key) const {
+    if (key.m_length == 0) return nullptr;
+    const std::uint16_t* slots = m_ends.data();
+    const unsigned shift = kHashBits - m_bits - kEndsBits;
+    // In the last stride only what is shorter than the path itself.
+    unsigned allowed = (1u << (key.m_length - 1) % kStride) - 1;
+    for (std::size_t strides = key.m_last + 1; strides-- > 0; allowed = ~0u) {
+        const std::uint64_t stem = key.m_stems[strides];
+        unsigned ends = slots[stem >> shift] & allowed;
+        while (ends != 0) {
+            const unsigned bit = static_cast<unsigned>(std::bit_width(ends)) - 1;
+            const std::size_t length = strides * kStride + bit + 1;
+            if (UNode* node = FindHashed(HashEnd(stem, key.m_path, length), key.m_path, length)) return node;
+            ends ^= 1u << bit;
         }
-        if (at + kStride < length) stem = Mix(stem, Load(path + at));
     }
-    return deepest;
+    return nullptr;
 }
 
-void UPathIndex::Insert(UNode* node) {
-    if (m_size == m_buckets.size()) Grow();
+void UPathIndex::Insert(UNode* node, const Key& key) {
+    if (m_size == m_buckets.size()) Rebuild(m_bits + 1);
     UNode::Place& place = node->m_place;
-    place.path_length = std::strlen(node->m_devpath);
-    const Hashes hashes = HashOf(node->m_devpath, place.path_length);
-    place.stem_hash = hashes.stem;
-    place.path_hash = hashes.path;
+    place.path_length = key.m_length;
+    place.path_hash = key.m_hash;
+    place.stem_hash = key.m_stems[key.m_last];
     Link(node);
     ++m_size;
 }
 
 void UPathIndex::Remove(UNode* node) {
-    const UNode::Place& place = node->m_place;
-    UNode** link = &m_buckets[place.path_hash & (m_buckets.size() - 1)];
+    UNode** link = &m_buckets[node->m_place.path_hash >> (kHashBits - m_bits)];
     while (*link != node)
         link = &(*link)->m_place.next_in_bucket;
-    *link = place.next_in_bucket;
-    --m_ends[place.stem_hash & (m_ends.size() - 1)][(place.path_length - 1) % kStride];
+    *link = node->m_place.next_in_bucket;
     --m_size;
+    // Other paths may end there too, so the bit stays; now and then all bits are set anew.
+    if (++m_removed > m_buckets.size()) Rebuild(m_bits);
 }
 
-void UPathIndex::Link(UNode* node) {
+inline void UPathIndex::Link(UNode* node) {
     UNode::Place& place = node->m_place;
-    UNode*& bucket = m_buckets[place.path_hash & (m_buckets.size() - 1)];
+    UNode*& bucket = m_buckets[place.path_hash >> (kHashBits - m_bits)];
     place.next_in_bucket = bucket;
     bucket = node;
-    ++m_ends[place.stem_hash & (m_ends.size() - 1)][(place.path_length - 1) % kStride];
+    std::uint16_t& ends = m_ends[place.stem_hash >> (kHashBits - m_bits - kEndsBits)];
+    ends = static_cast<std::uint16_t>(ends | 1u << (place.path_length - 1) % kStride);
 }
 
-void UPathIndex::Grow() {
+void UPathIndex::Rebuild(unsigned bits) {
     const std::vector<UNode*> old = std::move(m_buckets);
-    m_buckets.assign(old.size() * 2, nullptr);
-    m_ends.assign(old.size() * 2, Ends{});
+    m_bits = bits;
+    m_buckets.assign(std::size_t{1} << bits, nullptr);
+    m_ends.assign(std::size_t{1} << (bits + kEndsBits), 0);
+    m_removed = 0;
     for (UNode* node : old) {
         while (node) {
             UNode* next = node->m_place.next_in_bucket;

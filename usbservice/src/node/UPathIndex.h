@@ -2,41 +2,64 @@
 // but not on the number of nodes. With the lock of the list that owns it.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace dcm::usb {
 
 class UNode;
 
-// "Above" is the plain text prefix. A prefix may end at any byte, so paths are hashed in strides of eight
-// bytes, and for each stem (so many whole strides) it is counted how many paths end how many bytes behind it:
-// only where a path can end is one looked for.
+// "Above" is the plain text prefix. A prefix may end at any byte, so paths are hashed in strides of sixteen
+// bytes, and it is noted for each stem (so many whole strides) how far behind it paths end: only where a path
+// can end is one looked for.
 class UPathIndex {
 public:
+    static constexpr std::size_t kStride = 16;
+
+    // A path, hashed once for all that is asked about it; the text must outlive it.
+    class Key {
+    public:
+        explicit Key(const char* path);  // not null
+        Key(const Key&) = delete;
+        Key& operator=(const Key&) = delete;
+
+    private:
+        friend class UPathIndex;
+        static constexpr std::size_t kNear = 40;  // stems of all paths but odd ones
+
+        const char* m_path;
+        std::size_t m_length;
+        std::size_t m_last;               // whole strides before the last bytes, of which there are 1 to 16
+        std::uint64_t* m_stems = m_near;  // index: whole strides
+        std::uint64_t m_hash = 0;         // of the whole path; nothing for an empty one
+        std::unique_ptr<std::uint64_t[]> m_far;  // instead of m_near, when that is too short
+        std::uint64_t m_near[kNear];             // filled as far as the path goes
+    };
+
     UPathIndex();
 
-    UNode* Find(const char* path) const;
-    // The node with the longest path that is a proper prefix of `path`, or null.
-    UNode* FindDeepestAbove(const char* path) const;
+    UNode* Find(const Key& key) const;
+    // The node with the longest path that is a proper prefix, or null.
+    UNode* FindDeepestAbove(const Key& key) const;
 
-    // The path must not be in the index yet, and neither null nor empty.
-    void Insert(UNode* node);
+    // The key is the node's path, which must not be in the index yet and not empty.
+    void Insert(UNode* node, const Key& key);
     void Remove(UNode* node);
 
 private:
-    static constexpr std::size_t kStride = 8;
-    using Ends = std::array<std::uint32_t, kStride>;  // index: bytes behind the stem, minus one
-
     UNode* FindHashed(std::uint64_t hash, const char* path, std::size_t length) const;
     void Link(UNode* node);
-    void Grow();
+    void Rebuild(unsigned bits);
 
-    std::vector<UNode*> m_buckets;  // by the path's hash; as many as a power of two
-    std::vector<Ends> m_ends;       // by the stem's hash; stems that share a slot cost a look more, no more
+    // The slots are chosen by the highest bits of a hash, which all bytes of the text have moved.
+    unsigned m_bits;                // two to the power of it are the buckets
+    std::vector<UNode*> m_buckets;  // by the path's hash
+    std::vector<std::uint16_t>
+        m_ends;  // by the stem's hash: bit 0, a path may end one byte behind the stem, ...
     std::size_t m_size = 0;
+    std::size_t m_removed = 0;  // since m_ends was made: their bits are still set
 };
 
 }  // namespace dcm::usb
