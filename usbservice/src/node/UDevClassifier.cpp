@@ -134,9 +134,7 @@ bool Lists(const UDevClassifier::KnownDevice (&list)[rows], std::uint16_t vid, s
 
 }  // namespace
 
-UDevClassifier::UDevClassifier() : m_accessor(USingleton<UDevAccessor>::GetInstance()) {
-    if (!m_accessor) ULOG(LOG_FAILED, "accessor is null");
-}
+UDevClassifier::UDevClassifier() : m_accessor(USingleton<UDevAccessor>::GetInstance()) {}
 
 bool UDevClassifier::IsBlackList(std::uint16_t vid, std::uint16_t pid) {
     return Lists(kBlackList, vid, pid);

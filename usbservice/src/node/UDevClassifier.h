@@ -66,7 +66,7 @@ private:
                               bool* storage);
     E_DEV_TYPE CheckVendor(std::uint16_t vid);
 
-    UDevAccessor* m_accessor;  // not owned
+    [[maybe_unused]] UDevAccessor* m_accessor;  // not owned; no step needs the device itself
 };
 
 }  // namespace dcm::usb
