@@ -14,11 +14,26 @@ namespace {
 
 constexpr mode_t kMode = 0777;  // services run as users of their own
 
+// Where glibc keeps it.
+std::string FileOf(const char* name) {
+    return std::string("/dev/shm/sem.") + name;
+}
+
 // The umask cut the mode when the semaphore was made.
 void OpenToAll(const char* name) {
-    const std::string path = std::string("/dev/shm/sem.") + name;  // where glibc keeps it
+    const std::string path = FileOf(name);
     if (chmod(path.c_str(), kMode) == 0 || errno == ENOENT) return;
     ComplainOfCall(__func__, "chmod", path.c_str(), errno);
+}
+
+// glibc maps whatever has the name; touching what a file is too short for would end the process.
+sem_t* OpenExisting(const char* name) {
+    struct stat status;
+    if (stat(FileOf(name).c_str(), &status) == 0 && status.st_size < static_cast<off_t>(sizeof(sem_t))) {
+        errno = EINVAL;
+        return SEM_FAILED;
+    }
+    return sem_open(name, 0);
 }
 
 }  // namespace
@@ -34,7 +49,7 @@ sem_t* Semaphore::Open() {
     if (opened != SEM_FAILED) {
         OpenToAll(m_name);
     } else if (errno == EEXIST) {
-        opened = sem_open(m_name, 0);
+        opened = OpenExisting(m_name);
     }
     if (opened == SEM_FAILED) {
         ComplainOfCall(__func__, "sem_open", m_name, errno);

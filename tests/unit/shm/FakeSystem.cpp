@@ -38,6 +38,7 @@ int __real_sem_timedwait(sem_t* semaphore, const timespec* deadline);
 int __real_sem_unlink(const char* name);
 int __real_shm_open(const char* name, int flags, mode_t mode);
 int __real_shm_unlink(const char* name);
+int __real_stat(const char* path, struct stat* status);
 ssize_t __real_write(int fd, const void* buffer, size_t bytes);
 void* __real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
 }
@@ -62,6 +63,13 @@ Names& TheNames() {
 
 std::string Prefixed(const char* name) {
     return TheNames().prefix + name;
+}
+
+// A semaphore's file as the store names it, where it really is.
+std::string Moved(const std::string& path) {
+    const std::string semaphores = "/dev/shm/sem.";
+    if (!path.starts_with(semaphores)) return path;
+    return semaphores + Prefixed(path.substr(semaphores.size()).c_str());
 }
 
 std::optional<Bytes> ReadWhole(const std::string& path) {
@@ -138,7 +146,7 @@ void PutFile(const std::string& path, const Bytes& bytes) {
 
 mode_t ModeOf(const std::string& path) {
     struct stat status {};
-    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+    EXPECT_EQ(__real_stat(path.c_str(), &status), 0) << path;
     return status.st_mode & 07777;
 }
 
@@ -221,10 +229,11 @@ int __wrap_mkdir(const char* path, mode_t mode) {
 }
 
 int __wrap_chmod(const char* path, mode_t mode) {
-    const std::string semaphores = "/dev/shm/sem.";
-    const std::string name = path;
-    if (!name.starts_with(semaphores)) return __real_chmod(path, mode);
-    return Fails("chmod") ? -1 : __real_chmod(SemaphorePath(name.substr(semaphores.size())).c_str(), mode);
+    return Fails("chmod") ? -1 : __real_chmod(Moved(path).c_str(), mode);
+}
+
+int __wrap_stat(const char* path, struct stat* status) {
+    return Fails("stat") ? -1 : __real_stat(Moved(path).c_str(), status);
 }
 
 int __wrap_shm_open(const char* name, int flags, mode_t mode) {

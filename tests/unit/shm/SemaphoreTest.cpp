@@ -4,6 +4,8 @@
 #include <time.h>
 
 #include <cerrno>
+#include <fstream>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -108,6 +110,23 @@ TEST_F(SemaphoreTest, IsOpenedByTheNextWaitThatCan) {
     EXPECT_FALSE(semaphore.Wait());
     EXPECT_EQ(Complaints(), "[SHM-IF][Open]sem_open a: Too many open files\n");
     EXPECT_TRUE(semaphore.Wait());
+}
+
+TEST_F(SemaphoreTest, IsNotWaitedForWhenItsFileIsCutShort) {
+    for (const std::size_t size : {std::size_t{0}, std::size_t{3}, sizeof(sem_t) - 1}) {
+        std::ofstream(SemaphorePath("a"), std::ios::binary) << std::string(size, '\1');
+        Semaphore semaphore("a");
+        EXPECT_FALSE(semaphore.Wait()) << size;
+        EXPECT_EQ(Complaints(), "[SHM-IF][Open]sem_open a: Invalid argument\n");
+    }
+}
+
+TEST_F(SemaphoreTest, IsOpenedAlsoWhenItsFileCannotBeLookedAt) {
+    SemaphoreOfAnother("a");
+    TheSystem().failures = {{"stat", ENOENT}};
+    Semaphore semaphore("a");
+    EXPECT_TRUE(semaphore.Wait());
+    EXPECT_EQ(Complaints(), "");
 }
 
 TEST_F(SemaphoreTest, TellsThatItCouldNotBeGivenBack) {
