@@ -1,6 +1,7 @@
 #!/bin/sh
 # Builds one of the trees below build/, configured as the tests and the demo expect them:
-#   tools/build.sh native [TARGET...]   for this machine, with tests and their sanitized variants
+#   tools/build.sh native [TARGET...]   for this machine
+#   tools/build.sh test   [TARGET...]   the same with the tests and their sanitized variants
 #   tools/build.sh arm64  [TARGET...]   for the head unit's processor (needs tools/fetch-guest.sh)
 #   tools/build.sh fuzz   [TARGET...]   fuzz targets, by clang
 # Without targets the service alone is built. Prints the end of the build's output when it fails.
@@ -11,7 +12,8 @@ shift
 [ $# -gt 0 ] || set -- usbservice
 
 case $tree in
-native) options="-DUSB_SANITIZED_TESTS=ON" ;;
+native) options="-DUSB_TESTS=OFF" ;;
+test) options="-DUSB_SANITIZED_TESTS=ON" ;;
 arm64)
     options="-DCMAKE_TOOLCHAIN_FILE=$root/tools/headunit/aarch64.cmake -DUSB_TESTS=OFF -DUSB_GUEST=ON"
     # The generator of the table runs on this machine: the native tree's output is the same for every processor.
@@ -20,7 +22,7 @@ arm64)
     ;;
 fuzz) options="-DCMAKE_CXX_COMPILER=clang++ -DUSB_FUZZ=ON" ;;
 *)
-    echo "usage: $0 native|arm64|fuzz [TARGET...]" >&2
+    echo "usage: $0 native|test|arm64|fuzz [TARGET...]" >&2
     exit 2
     ;;
 esac

@@ -73,6 +73,12 @@ class Show:
             self.timeline.say(f"             MISSING: {what} to {receiver}")
         self.timeline.wait_for("")
 
+    def device(self):
+        """Says what the service read of the device that came, from its log."""
+        line = next((one.text for one in self.unit.logs(self.mark) if "manufacturer:" in one.text), None)
+        if line:
+            self.timeline.say("             the device: " + line.partition("vid:")[1] + line.partition("vid:")[2])
+
     def tell(self):
         """Prints what the service has sent since the last step: equal records to several receivers are one line."""
         self.unit.settle(0.7)
@@ -109,9 +115,10 @@ class Show:
 
 
 def stick_comes(show, port, name, image, label, uuid, fs_type):
-    show.timeline.happens(f"a {name} is plugged into port {port}")
+    show.timeline.happens(f"{name} is plugged into port {port}")
     stick = show.unit.plug(f"1.{port}", Stick(image, serial=f"STICK{port}"))
     show.expect("the device's state", "diag", name="diag_device_state", connected=1)
+    show.device()
     show.expect("its insertion", "media", name="st_storage_pkt", cmd=2, port=port)
     show.expect("its mount", "media", name="st_storage_pkt", cmd=3, port=port, partition=1, label=label, uuid=uuid,
                 fs_type=fs_type, mount_path=f"/tmp/USB/PORT{port}/PART1/")
@@ -147,15 +154,15 @@ def run(timeline, folder):
         show.expect("the start-up report of the optical status", "diag", name="diag_external_optical_status")
         show.expect("the beginning of the scan", "sdcm", id=3)
         show.expect("the end of the scan", "sdcm", id=4)
-        show.expect("healthy communication with the hub", "diag", name="diag_faulty_communication", faulty=0)
+        show.expect("healthy communication with the hub", "diag", name="diag_faulty_communication", result=0)
         show.tell()
 
-        one = stick_comes(show, 1, "vfat stick", first, "STICK", "1234-ABCD", "vfat")
-        two = stick_comes(show, 2, "ext4 stick", second, "MUSIC", "0f0f0f0f-1111-2222-3333-4444444"[:31], "ext4")
+        one = stick_comes(show, 1, "a vfat stick", first, "STICK", "1234-ABCD", "vfat")
+        two = stick_comes(show, 2, "an ext4 stick", second, "MUSIC", "0f0f0f0f-1111-2222-3333-4444444"[:31], "ext4")
         show.mounts("with both sticks")
         timeline.say("\n             the first stick's files: " + unit.sh("ls /tmp/USB/PORT1/PART1"))
-        if len(unit.mounts()) != 2:
-            show.missing.append("two mounts")
+        if len(unit.mounts()) != 2 or not unit.exists("/tmp/USB/PORT1/PART1/song.mp3"):
+            show.missing.append("two mounts and a readable file")
 
         stick_goes(show, 1, one)
         stick_goes(show, 2, two)

@@ -9,21 +9,21 @@ cd "$root"
 label=${1:-}
 
 groups=(build test)
-native=()
+targets=()
 case $label in
-"")      groups+=(guest); native=(all unit_tests service_tests sanitized_tests) ;;
-unit)    native=(unit_tests) ;;
-service) native=(usbservice service_tests) ;;
-vm)      groups+=(guest); native=(usbservice) ;;
-asan | tsan) native=(sanitized_tests) ;;
-fuzz)    native=(mtp_table) ;;
+"")      groups+=(guest); targets=(all unit_tests service_tests sanitized_tests) ;;
+unit)    targets=(unit_tests) ;;
+service) targets=(usbservice service_tests) ;;
+vm)      groups+=(guest); targets=(usbservice) ;;
+asan | tsan) targets=(sanitized_tests) ;;
+fuzz)    targets=(mtp_table) ;;
 *)       echo "make test: there is no label '$label'; see 'make help'" >&2; exit 2 ;;
 esac
 
 alive "packages that are missing" tools/install-packages.sh "${groups[@]}"
 # The guest first: its download is the longest step of a first run, and fails soonest when there is no network.
 case $label in "" | vm) alive "kernel and libraries of the virtual head unit" tools/fetch-guest.sh ;; esac
-alive "service and tests for this machine" tools/build.sh native "${native[@]}"
+alive "service and tests for this machine" tools/build.sh test "${targets[@]}"
 case $label in "" | fuzz) alive "fuzz targets" tools/build.sh fuzz fuzz_tests ;; esac
 case $label in "" | vm)
     alive "service, agent and board for the head unit" tools/build.sh arm64 all
@@ -34,4 +34,4 @@ esac
 # Tests that need the machine for themselves say so (RUN_SERIAL); the rest share the processors.
 select=()
 [ -z "$label" ] || select=(-L "^$label\$")
-exec ctest --test-dir build/native --no-tests=error --output-on-failure -j "$(nproc)" "${select[@]}"
+exec ctest --test-dir build/test --no-tests=error --output-on-failure -j "$(nproc)" "${select[@]}"
