@@ -311,6 +311,27 @@ class MountCheck(Stick):
         self.assertEqual(self.check(1)["mount_path"], PATH1)
         self.assertEqual(self.check(0)["mounted"], 0)
 
+    def test_checks_amid_comings_and_goings_are_all_answered(self):
+        stick = board.stick("1-1.1")
+        self.volumes["stick"].appear_as("sda1")
+        for node in stick:
+            self.board.show(node)
+        self.mark()
+        for _ in range(50):
+            for node in stick:
+                self.board.tell("add", node)
+                self.send("test", usbrecords.mount_check(0))
+            for node in reversed(stick):
+                self.send("test", usbrecords.mount_check(0))
+                self.board.tell("remove", node)
+        answers = self.await_records("test", 50 * 2 * len(stick), 30)
+        for node in stick:
+            self.board.hide(node)
+        self.settle()
+        self.assertEqual({record["mount_path"] for record in answers if record["mounted"]} - {PATH1}, set())
+        self.assertEqual({record["mount_path"] for record in answers if not record["mounted"]} - {""}, set())
+        self.assertEqual(self.mounted(), {})
+
     def test_another_command_or_selector_gets_no_answer(self):
         self.mark()
         self.send("test", bytes.fromhex("0231020802"))
