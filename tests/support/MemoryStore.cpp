@@ -1,7 +1,6 @@
 #include "support/MemoryStore.h"
 
 #include <algorithm>
-#include <cstring>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -116,7 +115,7 @@ int ssmInterface::read_ssm(ssmID::e_SsmID id, char* buffer) {
     const auto bytes = test::Find(TheStore().records, id);
     if (!bytes) return -1;
     const std::size_t count = std::min<std::size_t>(bytes->size(), shm::get_table()[id].size);
-    std::memcpy(buffer, bytes->data(), count);
+    std::copy_n(bytes->begin(), count, buffer);
     return static_cast<int>(count);
 }
 

@@ -165,7 +165,7 @@ int OpenDescriptors() {
 }
 
 SystemTest::SystemTest() {
-    shm::low_send(ssmID::ssm_000, 0);  // opens the driver, which stays open
+    shm::low_send(ssmID::shm_usb_cert, 0);  // opens the driver, which stays open
     TheSystem() = System{};
     char root[] = "/tmp/usbtest.shm.XXXXXX";
     EXPECT_NE(mkdtemp(root), nullptr);

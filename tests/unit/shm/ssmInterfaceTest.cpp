@@ -28,9 +28,13 @@ using ::testing::SizeIs;
 constexpr const char* kCertPath = "/data/sharedmemory/shm_usb_cert";
 constexpr const char* kPersistPath = "/data/sharedmemory/shm_usb_cert_persist";
 
+constexpr std::size_t kBufferBytes = 4096;
+
 // Objects of records are kept for the life of the process: who needs one that was never used takes it here.
 ssmID::e_SsmID UnusedRecord() {
-    static unsigned s_next = 200;
+    static unsigned s_next = 145;
+    while (shm::get_table()[s_next].size < 4 || shm::get_table()[s_next].size > kBufferBytes)
+        ++s_next;
     return static_cast<ssmID::e_SsmID>(s_next++);
 }
 
@@ -192,7 +196,7 @@ TEST_F(ssmInterfaceTest, DoesNotMakeOthersWaitForARecordWhoseHolderIsDead) {
     };
     TheSystem().failures = {{"sem_timedwait " + NameOf(stuck), ETIMEDOUT}};
     std::future<int> late = std::async(std::launch::async, [stuck] {
-        char buffer[4096];
+        char buffer[kBufferBytes];
         return ssmInterface::read_ssm(stuck, buffer);
     });
     waits.get_future().wait();
@@ -208,7 +212,7 @@ TEST_F(ssmInterfaceTest, ServesManyThreadsAtOnce) {
     std::atomic<int> wrong{0};
     const auto work = [id, &wrong] {
         for (int round = 0; round < 50; ++round) {
-            char buffer[4096];
+            char buffer[kBufferBytes];
             if (ssmInterface::write_ssm(id, "abcd", 4) != 4) ++wrong;
             if (ssmInterface::read_ssm(id, buffer) != 4) ++wrong;
             if (ssmInterface::set_notify(id, 4096) != 0) ++wrong;
