@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/trace.h"
 #include "unit/block/BlockBench.h"
 
 namespace {
@@ -263,6 +264,17 @@ TEST_F(UNodeBlockTest, TwoSticksBehindAHubShareTheirPortsDirectory) {
     EXPECT_TRUE(Kernel().IsMounted("/dev/sda1"));
 }
 
+TEST_F(UNodeBlockTest, OnlyTheUnitsDigitOfAPortCounts) {
+    const std::string port12 = kHub + "/1-1.12";  // of a hub with more ports than the vehicle's
+    PlugInStick(port12);
+    EXPECT_THAT(Told(), ElementsAre("(2, 0, 1) port 2",
+                                    "(3, 0, 1) port 2 /tmp/USB/PORT2/PART1/ STICK 1234-ABCD vfat"));
+    EXPECT_THAT(NodeLogs(), Wrote(128, "cmd:2 sub_cmd:0 dev_type:5 port:2 parti:1"));
+    Drain(kMonitor);
+    Change(DiskPath(port12));
+    EXPECT_EQ(Drain(kMonitor).at(0).bytes.at(8), 2);
+}
+
 TEST_F(UNodeBlockTest, NothingIsMountedOnAPortWithAnMtpDevice) {
     const Device player = {.vid = 0x1234, .pid = 0x5678, .interfaces = {{"ff", "00", "00", "03", "MTP"}}};
     PlugInDevice(kPort32, player);
@@ -475,6 +487,14 @@ TEST_F(UNodeBlockTest, APartitionWithoutItsDiskIsNotMounted) {
     EXPECT_THAT(Tried(), IsEmpty());
 }
 
+TEST_F(UNodeBlockTest, AUsbDeviceIsNoDiskAlthoughItIsADevice) {
+    AddDevice(kPort1, kStick);
+    FakeEvent partition = BlockEvent(kPort1 + "/block/sda/sda1", BLOCK_DEVTYPE_PARTITION);
+    Add(partition);
+    EXPECT_THAT(Logs(), Wrote(192, "parent is null"));
+    EXPECT_THAT(Tried(), IsEmpty());
+}
+
 // Parenthood is the plain beginning of the path.
 TEST_F(UNodeBlockTest, TheTenthPartitionHangsOnTheFirstAndIsNotMounted) {
     PlugInStick();
@@ -665,6 +685,7 @@ TEST_F(UNodeBlockTest, TheTestInterfaceCountsSocketsByThePathAlone) {
 
 TEST_F(UNodeBlockTest, AnotherThreadMayAskForTheMountPathAtAnyTime) {
     PlugInDevice(kPort1);
+    ka_log_threshold = 255;  // the record of lines has a lock, which would order the two threads
     std::atomic<bool> done = false;
     std::thread asker([&] {
         char path[64];
@@ -672,10 +693,11 @@ TEST_F(UNodeBlockTest, AnotherThreadMayAskForTheMountPathAtAnyTime) {
             List().FindTestMountedBlockNode(1, path, sizeof path);
             const std::string text = path;
             EXPECT_TRUE(text.empty() || text == "/tmp/USB/PORT1/PART1/") << text;
+            std::this_thread::yield();  // the list's lock is not fair
         }
     });
     Volume("sda", "A", "1", "vfat");
-    for (int round = 0; round < 20; ++round) {
+    for (int round = 0; round < 8; ++round) {
         RefuseMount("sda", ENOMEDIUM);
         AddDisk(kPort1);
         Kernel().refused.clear();
