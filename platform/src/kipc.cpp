@@ -1,7 +1,5 @@
 #include "platform/kipc.h"
 
-#include <memory>
-
 #include "Outbox.h"
 
 namespace kipc {
@@ -11,11 +9,9 @@ public:
     std::shared_ptr<platform::Outbox> outbox = platform::Outbox::Shared();
 };
 
-Interface::Interface() : m_sender(new Sender) {}
+Interface::Interface() : m_sender(std::make_unique<Sender>()) {}
 
-Interface::~Interface() {
-    delete m_sender;
-}
+Interface::~Interface() = default;
 
 void Interface::send_pkt(unsigned long dest, unsigned int len, char* buf) const {
     m_sender->outbox->Send(dest, len, buf);

@@ -1,6 +1,8 @@
 // Packets between the head unit's processes.
 #pragma once
 
+#include <memory>
+
 namespace kipc {
 
 // The way out of this process to the others. One per process, shared by all frames.
@@ -18,7 +20,7 @@ public:
 
 private:
     class Sender;
-    Sender* m_sender;  // owned
+    std::unique_ptr<Sender> m_sender;
 };
 
 }  // namespace kipc

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -149,6 +150,9 @@ bool Inbox::HasMore(int wait_ms) {
 }
 
 Peer::Peer(const std::string& path) : m_socket(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+    const timeval deadline{kDeadline.count(), 0};
+    setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+    setsockopt(m_socket.get(), SOL_SOCKET, SO_SNDTIMEO, &deadline, sizeof deadline);
     const sockaddr_un address = AddressOf(path);
     m_connected = connect(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
