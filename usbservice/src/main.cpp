@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -6,6 +7,16 @@
 namespace {
 
 void PassOver(int) {}
+
+// Whoever started the service may have closed them. A pipe or socket that got one of these numbers would be
+// taken for the log, and the block-id tool's answer on number 0 would never be read.
+void OpenStandardDescriptors() {
+    int fd = 0;
+    do
+        fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) close(fd);
+}
 
 void PrepareSignals() {
     struct sigaction action = {};
@@ -22,6 +33,7 @@ void PrepareSignals() {
 }  // namespace
 
 int main() {
+    OpenStandardDescriptors();
     PrepareSignals();
     new dcm::UBegin;  // lives as long as the process
     for (;;)
