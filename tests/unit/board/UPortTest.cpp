@@ -1,5 +1,10 @@
 #include "board/UPort.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -238,11 +243,28 @@ TEST_F(BoardTest, AnEmptyBoardIsAMissingOne) {
 }
 
 TEST_F(BoardTest, IsReadOnceHoweverManyThreadsAsk) {
-    SetBoard("X53\n");
-    std::vector<std::thread> threads;
+    // A pipe in the attribute's place: whoever opens it waits for the writer, and only one finds something in
+    // it.
+    SetBoard("");
+    const std::string attribute = sys.Root() + "/devices/soc/soc:common_gpio_default/board_id";
+    ASSERT_EQ(unlink(attribute.c_str()), 0);
+    ASSERT_EQ(mkfifo(attribute.c_str(), 0600), 0);
+
     std::vector<const char*> paths(3, nullptr);
-    for (std::size_t index = 0; index < paths.size(); ++index)
-        threads.emplace_back([&paths, index] { paths[index] = UPort::GetBoardHostPath(); });
+    std::atomic<std::size_t> asking = 0;
+    std::vector<std::thread> threads;
+    for (const char*& path : paths)
+        threads.emplace_back([&path, &asking] {
+            ++asking;
+            path = UPort::GetBoardHostPath();
+        });
+    const int writer = open(attribute.c_str(), O_WRONLY | O_CLOEXEC);
+    while (asking < threads.size())
+        std::this_thread::yield();
+    for (int turn = 0; turn < 1000; ++turn)
+        std::this_thread::yield();  // time for those who wrongly open the attribute as well
+    EXPECT_EQ(write(writer, "X53\n", 4), 4);
+    close(writer);
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_THAT(paths,

@@ -248,10 +248,10 @@ TEST_F(UDevDataTest, PrintsWhatIsMissingAsNull) {
 }
 
 TEST_F(UDevDataTest, PrintsTheDetailsInTheOrderOfTheKeys) {
-    Parse("PORT_NUM=2\nDEVNAME=bus/usb/001/002\nEVENT=overcurrent\n");
+    Parse("PORT_NUM=2\nDEVNAME=bus/usb/001/002\nPRODUCT=\nEVENT=overcurrent\n");
     data.PrintData(false);
-    EXPECT_THAT(Logs(), ElementsAre(Line(128, "DEVNAME=bus/usb/001/002"), Line(128, "EVENT=overcurrent"),
-                                    Line(128, "PORT_NUM=2")));
+    EXPECT_THAT(Logs(), ElementsAre(Line(128, "DEVNAME=bus/usb/001/002"), Line(128, "PRODUCT="),
+                                    Line(128, "EVENT=overcurrent"), Line(128, "PORT_NUM=2")));
 }
 
 }  // namespace

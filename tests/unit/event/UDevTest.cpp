@@ -162,7 +162,7 @@ TEST_F(UDevTest, AddsNothingWithoutANotifier) {
     deaf.ScanDevices();
     char text[100];
     std::snprintf(text, sizeof text, "lists(%p) notifier(%p) is null",
-                  static_cast<void*>(USingleton<UListNode>::m_pInstance), nullptr);
+                  static_cast<void*>(USingleton<UListNode>::m_pInstance), static_cast<void*>(nullptr));
     EXPECT_THAT(list.calls, IsEmpty());
     EXPECT_THAT(Logs(), ElementsAre(Line(192, text)));
 }

@@ -1,11 +1,11 @@
 #include "event/UNetLinkData.h"
 
-#include <array>
 #include <cstring>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "Walk.h"
 #include "board/UPort.h"
 #include "gmock/gmock.h"
 #include "support/RecordingPlatform.h"
@@ -19,30 +19,9 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-using Values = std::array<const char*, kUeventKeys>;
-
-// The record has no more state than its values, so that they can be looked at without asking a getter.
-static_assert(sizeof(UNetLinkData) == sizeof(void*) + sizeof(Values));
-Values ValuesOf(const UNetLinkData& data) {
-    Values values;
-    std::memcpy(&values, reinterpret_cast<const char*>(&data) + sizeof(void*), sizeof values);
-    return values;
-}
-
-// What ParseData promises, said in the plainest way.
-Values WalkByteByByte(const char* buf, int len) {
-    Values values = {};
-    int at = 0;
-    do {
-        if (buf[at] == '\0') continue;
-        for (int key = 0; key < kUeventKeys; ++key) {
-            const char* text = UEventData::kStringID[key];
-            if (buf[at] == *text && std::strncmp(buf + at, text, std::strlen(text)) == 0)
-                values[key] = buf + at + std::strlen(text);
-        }
-    } while (++at < len);
-    return values;
-}
+using test::Values;
+using test::ValuesOf;
+using test::WalkByteByByte;
 
 // A message in a buffer as the reader has it: zeros behind what came.
 class UNetLinkDataTest : public ::testing::Test {

@@ -316,8 +316,9 @@ TEST_F(UNetLinkTest, OtherActionsChangeNothing) {
 }
 
 TEST_F(UNetLinkTest, ProcessesNothingWithoutARecordOrANotifier) {
+    void* const nothing = nullptr;
     char text[200];
-    std::snprintf(text, sizeof text, "netlink_data(%p) or lists(%p) or notifier(%p) is null", nullptr,
+    std::snprintf(text, sizeof text, "netlink_data(%p) or lists(%p) or notifier(%p) is null", nothing,
                   static_cast<void*>(USingleton<UListNode>::m_pInstance), static_cast<void*>(notifier));
     UNetLink(notifier).ProcessNetLinkData(nullptr);
     EXPECT_THAT(Logs(), ElementsAre(Line(192, text)));
@@ -328,7 +329,7 @@ TEST_F(UNetLinkTest, ProcessesNothingWithoutARecordOrANotifier) {
     UNetLink deaf(nullptr);
     deaf.ProcessNetLinkData(&data);
     std::snprintf(text, sizeof text, "netlink_data(%p) or lists(%p) or notifier(%p) is null",
-                  static_cast<void*>(&data), static_cast<void*>(USingleton<UListNode>::m_pInstance), nullptr);
+                  static_cast<void*>(&data), static_cast<void*>(USingleton<UListNode>::m_pInstance), nothing);
     EXPECT_THAT(Logs(), ElementsAre(Line(192, text)));
     EXPECT_THAT(list.calls, IsEmpty());
 }
@@ -345,6 +346,79 @@ TEST_F(UNetLinkTest, GoesOnAfterGarbage) {
     EXPECT_THAT(list.calls, IsEmpty());
     EXPECT_EQ(Drive(*reader, "ACTION=remove|DEVPATH=/devices/x|SUBSYSTEM=usb|SEQNUM=6|"), 0);
     EXPECT_THAT(list.calls, ElementsAre("find /devices/x", "remove /devices/x"));
+}
+
+// With the list itself behind it. Network nodes tell nobody that they are there.
+class UNetLinkAndListTest : public UNetLinkTest {
+protected:
+    UNetLinkAndListTest() {
+        list.active = false;
+        List().RemoveAllNodes();
+        test::ClearLogs();
+    }
+    ~UNetLinkAndListTest() override { List().RemoveAllNodes(); }
+
+    static UListNode& List() { return *USingleton<UListNode>::GetInstance(); }
+    int Net(UNetLink& reader, const std::string& action, const std::string& devpath) {
+        return Drive(reader, action + "@" + devpath + "|ACTION=" + action + "|DEVPATH=" + devpath +
+                                 "|SUBSYSTEM=net|INTERFACE=usb0|SEQNUM=1|");
+    }
+};
+
+const char kNet[] = "/devices/c/xhci-hcd.0.auto/usb1/1-1/1-1.2/1-1.2:1.0/net/usb0";
+
+TEST_F(UNetLinkAndListTest, AnEventMakesANodeThatKeepsItsPathBeyondTheMessage) {
+    const auto reader = Open();
+    EXPECT_EQ(Net(*reader, "add", kNet), 0);
+    EXPECT_EQ(Drive(*reader, std::string(2560, 'x')), 0);
+    UNode* net = List().FindNode(kNet);
+    ASSERT_NE(net, nullptr);
+    EXPECT_STREQ(net->GetDevPath(), kNet);
+    EXPECT_EQ(net->GetPort(), 2);
+    EXPECT_THAT(Logs(), test::Wrote(128, std::string("seq1-add-net DEVPATH=") + kNet));
+}
+
+TEST_F(UNetLinkAndListTest, AnAddOfAKnownPathRunsTheAddAgainOnTheSameNode) {
+    const auto reader = Open();
+    Net(*reader, "add", kNet);
+    const UNode* net = List().FindNode(kNet);
+    test::ClearLogs();
+    Net(*reader, "add", kNet);
+    EXPECT_EQ(List().FindNode(kNet), net);
+    EXPECT_EQ(List().GetSize(), 1U);
+    EXPECT_THAT(Logs(), test::Wrote(160, "already exists"));
+    EXPECT_THAT(Logs(), test::Wrote(128, std::string("seq1-add-net DEVPATH=") + kNet));
+}
+
+TEST_F(UNetLinkAndListTest, ARemoveTakesTheNodeAndWhatHangsOnIt) {
+    const auto reader = Open();
+    Net(*reader, "add", "/devices/a");
+    Net(*reader, "add", "/devices/a/b");
+    Net(*reader, "add", "/devices/c");
+    Net(*reader, "remove", "/devices/none");
+    EXPECT_EQ(List().GetSize(), 3U);
+    Net(*reader, "remove", "/devices/a");
+    EXPECT_EQ(List().GetSize(), 1U);
+    EXPECT_NE(List().FindNode("/devices/c"), nullptr);
+}
+
+TEST_F(UNetLinkAndListTest, EventsThatNameNoKnownSubsystemOrPathMakeNoNode) {
+    const auto reader = Open();
+    EXPECT_EQ(Drive(*reader, "ACTION=add|DEVPATH=/devices/cpu|SUBSYSTEM=cpu|"), 0);
+    EXPECT_EQ(Drive(*reader, "ACTION=add|SUBSYSTEM=net|"), 0);
+    EXPECT_EQ(Drive(*reader, "ACTION=add|DEVPATH=|SUBSYSTEM=net|"), 0);
+    EXPECT_EQ(Drive(*reader, "ACTION=remove|"), 0);
+    EXPECT_EQ(Drive(*reader, "ACTION=change|SUBSYSTEM=net|"), 0);
+    EXPECT_EQ(List().GetSize(), 0U);
+}
+
+TEST_F(UNetLinkAndListTest, TheListIsEmptyWhenTheReaderIsGone) {
+    auto reader = Open();
+    Net(*reader, "add", "/devices/a");
+    Net(*reader, "add", "/devices/b");
+    ASSERT_EQ(List().GetSize(), 2U);
+    reader.reset();
+    EXPECT_EQ(List().GetSize(), 0U);
 }
 
 }  // namespace

@@ -124,6 +124,7 @@ TEST_F(UStringTest, ACopyWithoutMemoryIsNull) {
     libc.counted = true;
     libc.callocs_until_failure = 0;
     const char* copy = UString::CreateString("abc");
+    libc.callocs_until_failure = 0;
     const char* bounded = UString::CreateString("abc", 2);
     libc.counted = false;
     EXPECT_EQ(copy, nullptr);

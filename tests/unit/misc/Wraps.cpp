@@ -26,8 +26,7 @@ pid_t __real_waitpid(pid_t child, int* status, int options);
 
 void* __wrap_calloc(std::size_t count, std::size_t size) {
     if (!libc.counted) return __real_calloc(count, size);
-    if (libc.callocs_until_failure == 0) return nullptr;
-    if (libc.callocs_until_failure > 0) --libc.callocs_until_failure;
+    if (libc.callocs_until_failure >= 0 && libc.callocs_until_failure-- == 0) return nullptr;
     void* memory = __real_calloc(count, size);
     libc.counted = false;  // the book itself needs no entry
     libc.held[memory] = count * size;

@@ -11,7 +11,7 @@ struct Libc {
     // Memory: while `counted` is set, allocations of the helpers are written down.
     bool counted = false;
     std::map<void*, std::size_t> held;  // handed out by calloc and not yet freed
-    int callocs_until_failure = -1;     // 0: the next one fails; negative: none does
+    int callocs_until_failure = -1;     // 0: the next one fails, and no later one; negative: none does
 
     // Descriptors.
     int open_flags = -1;        // of the last open

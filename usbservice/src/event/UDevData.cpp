@@ -72,9 +72,12 @@ void UDevData::PrintSummary() const {
 }
 
 void UDevData::PrintDetails() const {
-    for (int key = 0; key < kUeventKeys; ++key)
-        if (m_values[key])
-            ULOG(LOG_INFO, "%s%.*s", kStringID[key], static_cast<int>(m_lengths[key]), m_values[key]);
+    for (int key = 0; key < kUeventKeys; ++key) {
+        if (!m_values[key]) continue;
+        char* value = CopyValue(static_cast<E_UEVENT_KEY>(key));
+        ULOG(LOG_INFO, "%s%s", kStringID[key], value ? value : "");
+        UString::DestroyString(&value);
+    }
 }
 
 E_SUBSYSTEM UDevData::GetSubSystem() {

@@ -39,33 +39,36 @@ constexpr bool NoneEndsInAnother() {
 static_assert(EachEndsInItsOnlyEqualsSign());
 static_assert(NoneEndsInAnother());
 
-// The keys by the letter before their '='.
+// The keys by the letter that stands so many places before their '=': the place that tells most keys apart.
+constexpr std::size_t kTellingPlace = 4;
+
 struct KeysByLetter {
-    signed char first[256];         // -1: no key ends like this
-    signed char next[kUeventKeys];  // -1: no other key does
+    signed char first[256];         // -1: no key has this letter there
+    signed char next[kUeventKeys];  // -1: no other key has
 };
 constexpr KeysByLetter kByLetter = [] {
     KeysByLetter keys = {};
     for (signed char& first : keys.first)
         first = -1;
     for (int key = kUeventKeys - 1; key >= 0; --key) {
-        signed char& first = keys.first[static_cast<unsigned char>(kKeys[key][kKeys[key].size() - 2])];
+        const char letter = kKeys[key][kKeys[key].size() - 1 - kTellingPlace];
+        signed char& first = keys.first[static_cast<unsigned char>(letter)];
         keys.next[key] = first;
         first = static_cast<signed char>(key);
     }
     return keys;
 }();
 
-// The key that ends at `equals` and begins in [begin, end); -1 when there is none.
-int KeyEndingAt(const char* equals, const char* begin, const char* end) {
-    if (equals == begin) return -1;
-    for (int key = kByLetter.first[static_cast<unsigned char>(equals[-1])]; key >= 0;
-         key = kByLetter.next[key]) {
-        const std::string_view text = kKeys[key];
-        const auto before = static_cast<std::ptrdiff_t>(text.size()) - 1;
-        if (equals - begin < before || equals - before >= end) continue;
-        const char* start = equals - before;
-        if (*start == text[0] && std::memcmp(start, text.data(), text.size() - 1) == 0) return key;
+// The key that ends at `equals`, all of it behind `begin`; -1 when there is none.
+int KeyEndingAt(const char* equals, const char* begin) {
+    const auto room = static_cast<std::size_t>(equals - begin);
+    if (room < kTellingPlace) return -1;
+    const auto letter = static_cast<unsigned char>(*(equals - kTellingPlace));
+    for (int key = kByLetter.first[letter]; key >= 0; key = kByLetter.next[key]) {
+        const std::size_t before = kKeys[key].size() - 1;
+        const char* text = kKeys[key].data();
+        if (before > room || *(equals - before) != *text) continue;
+        if (std::memcmp(equals - before, text, before) == 0) return key;
     }
     return -1;
 }
@@ -89,8 +92,10 @@ void UNetLinkData::ParseData(char* buf, int len) {
     if (end[-1] != '\0') search_end += strnlen(end, kLongestKey - 1);
     for (const char* equals = FindEquals(buf, search_end); equals;
          equals = FindEquals(equals + 1, search_end)) {
-        const int key = KeyEndingAt(equals, buf, end);
-        if (key >= 0) m_values[key] = equals + 1;
+        const int key = KeyEndingAt(equals, buf);
+        if (key < 0) continue;
+        const char* value = equals + 1;
+        if (value - kKeys[key].size() < end) m_values[key] = value;
     }
 }
 
