@@ -182,7 +182,7 @@ class RoadTest(unittest.TestCase):
     """Subclasses may say in `prepare` which images they need: `cls.folder` is theirs."""
     maxDiff = None
     LEVEL = 64          # of the service's log: detail
-    QUIET = 0.8         # seconds without a word, after which nothing more is expected
+    QUIET = 0.6         # seconds without a word, after which nothing more is expected
     PATIENCE = 30       # seconds for what must come
 
     @classmethod
@@ -194,6 +194,12 @@ class RoadTest(unittest.TestCase):
         cls.unit = HeadUnit()
         cls.addClassCleanup(cls.unit.close)
         cls.unit.__enter__()
+        cls.wait_before_disks(0)
+
+    @classmethod
+    def wait_before_disks(cls, seconds):
+        """How long the kernel waits before it looks for the disk of a device. Its own choice, 1, only costs time."""
+        cls.unit.run(f"echo {seconds} > /sys/module/usb_storage/parameters/delay_use")
 
     @classmethod
     def prepare(cls):

@@ -39,7 +39,7 @@ class Scan(RoadTest):
 
     def start_stopped_before_the_scan(self):
         """The service stands still with its socket open; between that and the scan it sleeps for 10 ms."""
-        for _ in range(5):
+        for _ in range(10):
             self.unit.run(f"( {STOP_AT_SOCKET} ) > /dev/null 2>&1 &")
             pid = self.unit.start_service({"KA_LOG_LEVEL": str(self.LEVEL)})
             self.unit.run(f"until grep -q '^State:.T' /proc/{pid}/status; do usleep 10000; done")

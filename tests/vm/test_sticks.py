@@ -158,11 +158,6 @@ class FourPartitions(RoadTest):
 class FastReplugs(RoadTest):
     TIMES = 10
 
-    def setUp(self):
-        super().setUp()
-        self.unit.run("echo 0 > /sys/module/usb_storage/parameters/delay_use")   # seconds; then a disk takes 0.3 s
-        self.addCleanup(self.unit.run, "echo 1 > /sys/module/usb_storage/parameters/delay_use")
-
     def begin(self):
         """What the service holds before: connections to all who listen are made when they are first told something."""
         self.start()
@@ -184,7 +179,8 @@ class FastReplugs(RoadTest):
 
     def test_ten_replugs_before_the_disk_appears_tell_ten_comings_and_goings(self):
         self.begin()
-        self.unit.run("echo 10 > /sys/module/usb_storage/parameters/delay_use")
+        self.wait_before_disks(10)
+        self.addCleanup(self.wait_before_disks, 0)
         for _ in range(self.TIMES):
             self.unit.unplug(self.plug_until("diag", lambda record: record.bytes[14] == 1))
         self.told(*[came(STICK), left(STICK)] * self.TIMES)
