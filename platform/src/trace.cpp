@@ -167,11 +167,12 @@ public:
         m_fd = STDERR_FILENO;
         m_socket = S_ISSOCK(status.st_mode);
         m_never_waits = m_socket || S_ISREG(status.st_mode);
-        if (!S_ISFIFO(status.st_mode)) return;
+        if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) return;
         // The non-blocking flag belongs to the open file, which other processes share: this is one of our
-        // own. It cannot be had without /proc or when the pipe is another user's; then Ready() asks before
-        // each write, and only a write of somebody else in between could make this one wait.
-        m_opened = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        // own. It cannot be had without /proc or when the pipe or terminal is another user's; then Ready()
+        // asks before each write, and a write of somebody else in between, or a terminal with little room,
+        // could make this one wait.
+        m_opened = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
         if (m_opened < 0) return;
         m_fd = m_opened;
         m_never_waits = true;

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 
 #include "gtest/gtest.h"
 
@@ -180,6 +181,27 @@ std::size_t OpenDescriptors() {
         ++count;
     if (folder) closedir(folder);
     return count;
+}
+
+ThreadCost CostOf(const std::string& thread_name) {
+    ThreadCost cost;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::ifstream(task.path() / "comm") >> name;
+        if (name != thread_name) continue;
+        std::ifstream status(task.path() / "status");
+        for (std::string word; status >> word;)
+            if (word == "voluntary_ctxt_switches:") status >> cost.sleeps;
+        std::ifstream stat(task.path() / "stat");
+        std::string word;
+        for (int field = 1; field < 14; ++field)  // proc(5): utime and stime are fields 14 and 15
+            stat >> word;
+        long user = 0;
+        long kernel = 0;
+        stat >> user >> kernel;
+        cost.ticks = user + kernel;
+    }
+    return cost;
 }
 
 }  // namespace test

@@ -94,4 +94,10 @@ private:
 std::vector<std::string> SplitLines(const std::string& text);
 std::size_t OpenDescriptors();
 
+struct ThreadCost {
+    long sleeps = -1;  // how often it went to sleep by itself
+    long ticks = -1;   // processor time, in hundredths of a second
+};
+ThreadCost CostOf(const std::string& thread_name);
+
 }  // namespace test

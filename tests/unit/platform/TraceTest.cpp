@@ -359,6 +359,51 @@ TEST(TraceReader, StoppedReaderDelaysOneLineAndLosesTheOthersAtOnce) {
         EXPECT_EQ(TextOf(kept[i]), "line " + std::to_string(i) + " of many that fill the pipe");
 }
 
+TEST(TraceReader, StoppedReaderStopsNoneOfSeveralThreads) {
+    for (int round = 0; round < 10; ++round) {
+        PipedLog pipe(4096);
+        std::atomic<int> done{0};
+        std::vector<std::thread> writers;
+        for (int writer = 0; writer < 4; ++writer)
+            writers.emplace_back([&done] {
+                for (int i = 0; i < 60; ++i)
+                    Log("%s", "all of them see the last free bytes");
+                ++done;
+            });
+        EXPECT_TRUE(test::Eventually([&] { return done == 4; }));
+        pipe.LoseReader();  // whoever is stuck is so no more
+        for (std::thread& writer : writers)
+            writer.join();
+    }
+    CapturedLog log;
+    Log("clears the count of lost lines");
+    EXPECT_GT(LostBefore(log.Lines()[0]), 0u);
+}
+
+TEST(TraceReader, TerminalThatShowsNothingStopsNobody) {
+    Descriptor screen(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_EQ(grantpt(screen.get()), 0);
+    ASSERT_EQ(unlockpt(screen.get()), 0);
+    Descriptor terminal(open(ptsname(screen.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_GE(terminal.get(), 0);
+    Descriptor before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    dup2(terminal.get(), STDERR_FILENO);
+    std::atomic<bool> done{false};
+    std::thread writer([&done] {
+        for (int i = 0; i < 100; ++i)
+            Log("%s", std::string(3000, 'x').c_str());
+        done = true;
+    });
+    EXPECT_TRUE(test::Eventually([&] { return done.load(); }));
+    dup2(before.get(), STDERR_FILENO);
+    terminal.Close();
+    screen.Close();  // hangs up: whoever is stuck is so no more
+    writer.join();
+    CapturedLog log;
+    Log("next");
+    EXPECT_GT(LostBefore(log.LinesWith("next").at(0)), 0u);
+}
+
 TEST(TraceReader, StoppedReaderOfASocketStopsNobody) {
     // A socket is written without waiting too; here its buffer fills.
     int ends[2];
