@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The program that identifies volumes may say anything, or nothing: the stick's events and the next stick survive it."""
+"""The program that identifies volumes may say anything, or nothing: no event is lost, and the next stick mounts."""
 from bench import ServiceCase, board, main, volumes, world
 
 KIBIBYTE = "x" * 1024
@@ -71,7 +71,8 @@ class Identification(ServiceCase):
         self.expect_log("error in mount 19 No such device", level=192)
 
     def test_a_value_in_a_later_piece_counts(self):
-        said = self.plug_with("printf 'LABEL=\"FIRST\" TYPE=\"vfat\"'; sleep 0.1; printf 'LABEL=\"SECOND\" TYPE=\"ext4\"'")
+        said = self.plug_with("printf 'LABEL=\"FIRST\" TYPE=\"vfat\"'; sleep 0.1; "
+                              "printf 'LABEL=\"SECOND\" TYPE=\"ext4\"'")
         self.assertEqual(said, [(2, 0, 1), (3, 0, 1), (5, 0, 1)])
         self.assertEqual(self.got("media")[1]["label"], "SECOND")
 

@@ -18,7 +18,8 @@ PERSISTENT_FILE = "/data/sharedmemory/shm_usb_cert_persist"
 
 def store(*words):
     """Runs another process that shares the settings."""
-    done = subprocess.run([f"{world.BENCH}/bin/store_tool", *map(str, words)], capture_output=True, text=True, timeout=30)
+    program = f"{world.BENCH}/bin/store_tool"
+    done = subprocess.run([program, *map(str, words)], capture_output=True, text=True, timeout=30)
     if done.returncode != 0:
         raise RuntimeError(f"store_tool {words}: {done.stdout}{done.stderr}")
     return done.stdout.strip()

@@ -8,7 +8,7 @@ from bench import ServiceCase, board, main, usbrecords, volumes
 
 EVENTS = int(os.environ.get("SOAK_EVENTS", 10000))
 SEED = int(os.environ.get("SOAK_SEED", 0)) or random.SystemRandom().randrange(1, 1 << 30)
-MEMORY = int(os.environ.get("SOAK_MEMORY_MIB", 8)) << 20      # more than at the beginning
+MEMORY = int(os.environ.get("SOAK_MEMORY_KIB", 1024)) << 10      # more than at the beginning: 128 KiB were seen
 VENDOR = (0xFF, 0, 0)
 
 

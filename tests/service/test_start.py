@@ -2,10 +2,12 @@
 """What the service says when it starts, and what it finds that was there before."""
 import os
 import re
+import signal
+import time
 
 from bench import (DEVICE_LEFT, HUB_COMMUNICATION_FAULTY, HUB_COMMUNICATION_OK, HUB_NOT_SUPPORTED, HUB_STATUS_FAULTY,
                    HUB_STATUS_OK, NO_OVER_CURRENT, OPTICAL_ERROR_CODE, OPTICAL_STATUS, SCAN_BEGIN, SCAN_END,
-                   ServiceCase, board, device_came, main, storage, usbrecords, volumes)
+                   ServiceCase, board, device_came, main, service, storage, usbrecords, volumes, world)
 
 UUID = "11111111-2222-3333-4444-555555555555"
 
@@ -142,6 +144,87 @@ class StartAgain(ServiceCase):
         texts = [line for line in self.service.since(0) if line.level is not None and line.level < 192]
         self.assertEqual(texts, [])
         self.restart_service()
+
+
+class Surroundings(ServiceCase):
+    """What the service inherits, or loses, from whoever started it."""
+
+    @classmethod
+    def prepare(cls):
+        cls.volume("stick", volumes.filesystem())
+
+    def setUp(self):
+        super().setUp()
+        self.volumes["stick"].appear_as("sda1")
+        self.addCleanup(self.restart_service)
+
+    def start(self, **how):
+        self.service.stop()
+        self.peers.hang_up()
+        self.peers.received.clear()
+        type(self).service = service.Service(0, {}, **how)
+
+    def test_children_are_waited_for_though_their_end_was_ignored_before(self):
+        self.start(before=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
+        self.wait_until_running()
+        self.assert_stick_is_announced()
+
+    def announce_unheard(self):
+        """A stick, with the records as the only witness."""
+        self.mark()
+        stick = board.stick("1-1.1")
+        self.board.plug(stick)
+        self.assertEqual([record["cmd"] for record in self.await_records("navi", 2)], [2, 3])
+        self.board.unplug(stick)
+        self.assertEqual([record["cmd"] for record in self.await_records("navi", 3)], [2, 3, 5])
+        deadline = time.monotonic() + 5
+        while self.mounted() and time.monotonic() < deadline:       # it is announced first
+            time.sleep(0.01)
+        self.assertEqual(self.mounted(), {})
+        self.assertTrue(self.service.runs())
+
+    def test_a_log_whose_reader_is_gone_does_not_end_the_service(self):
+        self.start(reads=False)
+        self.assertEqual(len(self.peers.wait("diag", 6, 0)), 6)
+        self.service.hang_up()
+        for _ in range(3):
+            self.announce_unheard()
+
+    def test_a_log_that_nobody_reads_does_not_stop_the_service(self):
+        self.start(reads=False)
+        self.assertEqual(len(self.peers.wait("diag", 6, 0)), 6)
+        keyboard = board.keyboard("1-1.2")
+        for node in keyboard:
+            self.board.show(node)
+        for _ in range(500):        # far more than the pipe takes
+            for action in ("add", "remove"):
+                for node in keyboard:
+                    self.board.tell(action, node)
+        self.announce_unheard()
+        for node in keyboard:
+            self.board.hide(node)
+
+    def test_a_device_that_comes_while_the_scan_runs_is_in_the_list_once_and_told_twice(self):
+        first, second = board.stick("1-1.1"), board.stick("1-1.2", "sdb", ["sdb1"])
+        self.board.present_before_start(first + second)
+        world.set_blkid(f"sleep 0.5; exec {world.BLKID} \"$@\"")
+        self.start()
+        self.assertIsNotNone(self.service.wait_log("partition num 1"))      # the scan is at the first stick
+        for node in second:
+            self.board.tell("add", node)
+        self.wait_until_running()
+        world.set_blkid()
+        self.records_from = self.log_from = 0
+        self.settle()
+        said = [(record["cmd"], record["partition"]) for record in self.got("navi") if record["port"] == 2]
+        self.assertEqual([cmd for cmd, _ in said if cmd == 2], [2, 2])
+        self.assertEqual(self.service.texts().count("already exists"), 4)
+        self.board.unplug(second)
+        self.board.unplug(first)
+        self.settle()
+        sizes = [text for text in self.service.texts() if text.startswith("size[")]
+        self.assertEqual(sizes[-1], "size[0]")
+        self.assertEqual(self.mounted(), {})
 
 
 if __name__ == "__main__":

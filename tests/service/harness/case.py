@@ -133,7 +133,8 @@ class ServiceCase(unittest.TestCase):
         log = "\n".join(line.raw for line in lines)
         return f"--- records since the mark ---\n{self.peers.story(self.records_from)}\n" \
                f"--- log since the mark ---\n{log}\n--- mounts ---\n" + \
-               "\n".join(" ".join(row) for row in world.mounts() if row[1].startswith("/tmp/"))
+               "\n".join(" ".join(row) for row in world.mounts() if row[1].startswith("/tmp/")) + \
+               "\n--- threads ---\n" + ("\n".join(self.service.waits()) if self.service.runs() else "it ended")
 
     # --- doing ---
 

@@ -167,7 +167,7 @@ class Peers:
 
     def story(self, since=0):
         with self.changed:
-            return "\n".join(str(one) for one in self.received[since:])
+            return "\n".join(str(one) for one in self.received[since:][-300:])
 
     # --- senders ---
 

@@ -44,9 +44,10 @@ def parse(raw):
 
 
 class Service:
-    """One run. Its log is read all the time by a thread of ours. `keep`: which lines (bytes) are worth keeping."""
+    """One run. Its log is read all the time by a thread of ours. `keep`: which lines (bytes) are worth keeping;
+    `reads` false: nobody reads it; `before`: called in the new process before it becomes the service."""
 
-    def __init__(self, level=0, environment=None, keep=None):
+    def __init__(self, level=0, environment=None, keep=None, reads=True, before=None):
         own = {"KA_LOG_LEVEL": str(level), "SYSTEMD_DEVICE_VERIFY_SYSFS": "0", "PATH": "/usr/bin:/bin",
                "ASAN_OPTIONS": "abort_on_error=0:handle_abort=1", "UBSAN_OPTIONS": "print_stacktrace=1",
                "TSAN_OPTIONS": "halt_on_error=0"}
@@ -62,9 +63,13 @@ class Service:
         except OSError:
             pass        # the usual size does as well, the service may then lose lines of its log
         self.process = subprocess.Popen([PROGRAM], stdin=subprocess.DEVNULL, stdout=write, stderr=write, env=own,
-                                        cwd="/")
+                                        cwd="/", preexec_fn=before)
         os.close(write)
         self.pid = self.process.pid
+        self.unread = None if reads else read
+        self.reader = None
+        if not reads:
+            return
         self.reader = threading.Thread(target=self.listen, args=(read,), name="log", daemon=True)
         self.reader.start()
 
@@ -91,8 +96,16 @@ class Service:
             except subprocess.TimeoutExpired:
                 self.process.kill()
                 self.process.wait(5)
-        self.reader.join(5)
+        self.hang_up()
+        if self.reader:
+            self.reader.join(5)
         return self.process.returncode
+
+    def hang_up(self):
+        """Closes a log that was not read."""
+        if self.unread is not None:
+            os.close(self.unread)
+            self.unread = None
 
     def runs(self):
         return self.process.poll() is None
@@ -159,6 +172,21 @@ class Service:
         """Resident bytes."""
         with open(f"/proc/{self.pid}/statm") as file:
             return int(file.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+
+    def waits(self):
+        """Where each thread of the service, and of what it started, is in the kernel."""
+        out = []
+        for pid in [str(self.pid)] + self.children():
+            for task in os.listdir(f"/proc/{pid}/task") if os.path.isdir(f"/proc/{pid}") else []:
+                words = []
+                for name in ("comm", "wchan", "syscall"):
+                    try:
+                        with open(f"/proc/{pid}/task/{task}/{name}") as file:
+                            words.append(file.read().strip())
+                    except OSError as error:
+                        words.append(error.strerror)
+                out.append(" ".join([task] + words))
+        return out
 
     def children(self):
         out = []
