@@ -5,9 +5,9 @@ anybody is compared, record by record and per receiver, with what is written dow
         def test_a_stick_on_port_1(self):
             self.start()
             stick = self.unit.plug("1.1", Stick(image))
-            self.told(came(STICK), attached(port=1), mounted(VOLUME, port=1))
+            self.told(came(STICK), attached(port=1), mounted(VOLUME))
             self.unit.unplug(stick)
-            self.told(detached(VOLUME, port=1), left(STICK))
+            self.told(detached(VOLUME), left(STICK))
 
 What is expected is data: a dictionary from receivers to the records that they get, in order. `told` waits for all of
 them, then until nothing more comes, and compares whole records. Who is not in the dictionary must have heard nothing.

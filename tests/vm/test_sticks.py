@@ -76,7 +76,10 @@ class OneStick(RoadTest):
         self.start()
         stick = self.unit.plug("1.1", Stick(self.one))
         self.told(came(STICK), attached(port=1), mounted(VFAT))
-        holder = self.unit.sh("setsid sleep 100 < /tmp/USB/PORT1/PART1/song.mp3 > /dev/null 2>&1 & echo $!")
+        # In a session of its own, as what a command leaves behind is ended with it.
+        holder = self.unit.sh("setsid sleep 100 < /tmp/USB/PORT1/PART1/song.mp3 > /dev/null 2>&1 & echo $!; "
+                              "until [ $(cat /proc/$!/comm) = sleep ]; do usleep 10000; done")
+        self.assertEqual(self.unit.sh(f"readlink /proc/{holder}/fd/0"), "/tmp/USB/PORT1/PART1/song.mp3")
         self.addCleanup(self.unit.run, f"kill {holder}", check=False)
         self.unit.unplug(stick)
         self.told(detached(VFAT), left(STICK))
