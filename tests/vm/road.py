@@ -285,6 +285,11 @@ class RoadTest(unittest.TestCase):
         return int([one for one in sizes if one][-1].group(1))
 
 
+def said_at(line):
+    """The service's own time of a log line; the line's is when it was read."""
+    return float(re.match(r"\[ *([\d.]+)\]", line.text).group(1))
+
+
 def difference(receiver, expected, got):
     """What to say about a receiver that got something else; None when it did not."""
     if [comparable(one) for one in expected] == [comparable(one) for one in got]:
