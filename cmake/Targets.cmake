@@ -7,8 +7,16 @@ set(USB_VARIANTS "")
 if(USB_SANITIZED_TESTS)
     list(APPEND USB_VARIANTS _asan _tsan)
 endif()
-set(USB_FLAGS_asan -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer -O1 -g1)
-set(USB_FLAGS_tsan -fsanitize=thread -O1 -g1)
+set(USB_FLAGS_asan -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+set(USB_FLAGS_tsan -fsanitize=thread)
+
+# Most of the time of a test run is spent in compiling the tests: what was compiled once is kept, when there is ccache.
+find_program(USB_CCACHE ccache)
+if(USB_CCACHE)
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_DIR=${CMAKE_SOURCE_DIR}/.cache/ccache
+        CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} CCACHE_MAXSIZE=1G
+        CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime ${USB_CCACHE})
+endif()
 
 # usb_library(NAME name SOURCES ... [INCLUDE dir...] [LINK target...] [SYSTEM target...])
 # LINK names libraries of this project (linked in the same variant), SYSTEM names everybody else's.
@@ -24,11 +32,27 @@ function(usb_library)
         target_link_libraries(${target} PUBLIC ${LIB_SYSTEM} PRIVATE usb_warnings)
         if(variant)
             string(SUBSTRING ${variant} 1 -1 name)
-            target_compile_options(${target} PUBLIC ${USB_FLAGS_${name}})
+            target_compile_options(${target} PUBLIC ${USB_FLAGS_${name}} PRIVATE -O1 -g1)
             target_link_options(${target} PUBLIC ${USB_FLAGS_${name}})
             set_target_properties(${target} PROPERTIES EXCLUDE_FROM_ALL ON)
         endif()
     endforeach()
+endfunction()
+
+# How a test itself is compiled: the optimizer would take twice as long and show nothing. The headers that all tests
+# include are compiled once.
+function(usb_compile_as_test target variant)
+    target_compile_options(${target} PRIVATE -O0 -g1)
+    if(NOT TARGET test_headers${variant})
+        file(WRITE ${CMAKE_BINARY_DIR}/test_headers.cpp "// only the headers\n")
+        add_library(test_headers${variant} OBJECT EXCLUDE_FROM_ALL ${CMAKE_BINARY_DIR}/test_headers.cpp)
+        target_link_libraries(test_headers${variant} PRIVATE platform${variant} GTest::gmock usb_warnings)
+        target_compile_options(test_headers${variant} PRIVATE -O0 -g1 $<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess>)
+        target_precompile_headers(test_headers${variant} PRIVATE <gmock/gmock.h> <gtest/gtest.h> <algorithm> <atomic>
+            <functional> <map> <memory> <mutex> <string> <thread> <vector>)
+    endif()
+    target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess>)
+    target_precompile_headers(${target} REUSE_FROM test_headers${variant})
 endfunction()
 
 # usb_unit_test(NAME folder SOURCES ... [LINK target...] [WRAP symbol...])
@@ -43,6 +67,7 @@ function(usb_unit_test)
             target_link_libraries(${target} PRIVATE ${other}${variant})
         endforeach()
         target_link_libraries(${target} PRIVATE GTest::gmock_main usb_warnings)
+        usb_compile_as_test(${target} "${variant}")
         target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
         foreach(symbol ${TEST_WRAP})
             target_link_options(${target} PRIVATE -Wl,--wrap=${symbol})

@@ -169,6 +169,12 @@ class Surroundings(ServiceCase):
         self.wait_until_running()
         self.assert_stick_is_announced()
 
+    def test_volumes_are_identified_though_standard_input_is_closed(self):
+        self.start(before=lambda: os.close(0))      # else the tool's pipe would get its number, which is never read
+        self.wait_until_running()
+        self.assert_stick_is_announced()
+        self.expect_log("vol ret (STICK,6b0c1f2a-0000-4000-8000-000000000001,ext4)")
+
     def announce_unheard(self):
         """A stick, with the records as the only witness."""
         self.mark()

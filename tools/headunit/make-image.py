@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Builds the guest's initramfs into build/headunit/: busybox, kernel modules, the board's own, blkid, agent, service.
 
     tools/headunit/make-image.py [--build build/arm64] [--output build/headunit]
