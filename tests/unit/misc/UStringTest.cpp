@@ -288,7 +288,9 @@ TEST_F(AttributeTest, AMissingAttributeIsLoggedWithItsPath) {
     EXPECT_EQ(UString::GetInterfaceString(kDevice, "/none"), nullptr);
     EXPECT_EQ(UString::GetInterfaceValue(kDevice, "/none"), -1);
     const std::string line = "open fail " + sys.Root() + kDevice + "/none";
-    EXPECT_THAT(Logs(), ElementsAre(Line(192, line), Line(192, line)));
+    ASSERT_THAT(Logs(), ElementsAre(Line(192, line), Line(192, line)));
+    EXPECT_EQ(Logs()[0].function, "GetInterfaceString");
+    EXPECT_EQ(Logs()[1].function, "GetInterfaceValue");
 }
 
 TEST_F(AttributeTest, AMissingAttributeIsZeroInDecimalAndMinusOneInHexadecimal) {

@@ -32,13 +32,10 @@ char* NewText(std::size_t length) {
     return static_cast<char*>(std::calloc(length + 1, 1));
 }
 
-// Opens an attribute below the root of sysfs; -1, with a log line, when that fails.
-int OpenAttribute(const char* device, const char* attribute) {
-    char path[kAttributePathBytes] = {};
+// Opens an attribute below the root of sysfs and leaves its path for the caller's log line; -1 on failure.
+int OpenAttribute(char (&path)[kAttributePathBytes], const char* device, const char* attribute) {
     const int length = std::snprintf(path, sizeof path, "%s%s%s", UString::kRootSysPath, device, attribute);
-    const int file = length < 0 ? -1 : open(path, O_RDONLY | O_CLOEXEC);
-    if (file < 0) ULOG(LOG_FAILED, "open fail %s", path);
-    return file;
+    return length < 0 ? -1 : open(path, O_RDONLY | O_CLOEXEC);
 }
 
 // Up to the first newline, NUL or the end; null when nothing stands before it.
@@ -143,8 +140,12 @@ char* UString::GetInterfaceString(const char* devPath, const char* attr) {
              static_cast<const void*>(attr));
         return nullptr;
     }
-    const int file = OpenAttribute(devPath, attr);
-    if (file < 0) return nullptr;
+    char path[kAttributePathBytes] = {};
+    const int file = OpenAttribute(path, devPath, attr);
+    if (file < 0) {
+        ULOG(LOG_FAILED, "open fail %s", path);
+        return nullptr;
+    }
     char* text = ReadLine(file);
     close(file);
     ULOG(LOG_DETAIL, "GetInterfaceString [%s]", text ? text : "(null)");
@@ -157,8 +158,12 @@ int UString::GetInterfaceValue(const char* devPath, const char* attr) {
              static_cast<const void*>(attr));
         return -1;
     }
-    const int file = OpenAttribute(devPath, attr);
-    if (file < 0) return -1;
+    char path[kAttributePathBytes] = {};
+    const int file = OpenAttribute(path, devPath, attr);
+    if (file < 0) {
+        ULOG(LOG_FAILED, "open fail %s", path);
+        return -1;
+    }
     char text[kNumberBytes + 1] = {};
     const ssize_t length = read(file, text, kNumberBytes);
     close(file);
