@@ -212,12 +212,14 @@ TEST_F(UListNodeTest, GrandchildrenOfARemovedNodeForgetTheirParent) {
 }
 
 TEST_F(UListNodeTest, ChildrenGoFirstInListOrderAndThenTheNode) {
-    for (const char* path : {"/t", "/t/2", "/t/1"})
-        Insert(SUBSYSTEM_HID, kPort1 + path);
-    Drain(kUsb);
+    const void* const node = Insert("/t");
+    const void* const first = Insert("/t/2");
+    const void* const second = Insert("/t/1");
     ClearLogs();
-    Remove(kPort1 + "/t");
-    EXPECT_EQ(PortMessages().size(), 3u);
+    Remove("/t");
+    EXPECT_THAT(Logs(32), ElementsAre(Line(32, Format("destructor ptr:%p", first)),
+                                      Line(32, Format("destructor ptr:%p", second)),
+                                      Line(32, Format("destructor ptr:%p", node))));
     EXPECT_EQ(List().GetSize(), 0u);
 }
 
