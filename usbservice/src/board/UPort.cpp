@@ -63,9 +63,8 @@ std::uint8_t PortAt(const char* text) {
     return static_cast<std::uint8_t>(UString::ConvertString2Int(text));
 }
 
-// The port in the last part of a path, the part of a further hub in the tens digit. In an interface's name
-// the
-// '.' that is looked for may be the one behind the colon: "1-1.4:1.1" is 14.
+// The port in the last part of a path, the port of a further hub in the tens digit. Deliberate: in an
+// interface's name the second '.' may be the one behind the colon, so "1-1.4:1.1" is 14.
 std::uint8_t PortInName(const char* name, const char* match, std::size_t key_length) {
     const char* second = std::strchr(match + key_length, '.');
     const unsigned port = PortAt(match + key_length);
@@ -110,6 +109,7 @@ std::uint8_t UPort::CalcUsbPort(std::uint8_t topport, const char* devpath) {
         return port;
     }
     if (std::strstr(path, root)) {
+        // Deliberate: the blank at the end.
         ULOG(LOG_INFO, "topport, port:1 ");
         return 1;
     }
@@ -136,6 +136,7 @@ void UPort::UpdatePort(const char* devpath) {
     }
     const std::uint8_t bus = BusOf(devpath);
     if (bus == 0) {
+        // Deliberate: the blank at the end.
         ULOG(LOG_INFO, "%d port hub, port: %d ", hub_ports, GetPort());
         return;
     }

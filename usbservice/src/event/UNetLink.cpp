@@ -109,6 +109,7 @@ void UNetLink::ProcessNetLinkData(UNetLinkData* data) {
 void UNetLink::Add(UNetLinkData* data) {
     UNode* node = m_lists->InsertNode(data->GetSubSystem(), data->GetDevPath(), m_notifier);
     if (!node) return;
+    // Deliberate: also for a node that was in the list already, whose add then runs again.
     data->PrintData(true);
     node->ActionAdd(data);
 }

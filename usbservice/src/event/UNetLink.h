@@ -32,8 +32,9 @@ public:
     int DriveNetLink();
 
 private:
-    static constexpr int kReceiveBytes = 2560;  // the kernel's messages end at 2048 (UEVENT_BUFFER_SIZE)
-    static constexpr int kZerosBehind = 16;     // UNetLinkData::ParseData wants them
+    // The kernel's lines take at most 2048 (UEVENT_BUFFER_SIZE), and their head comes before them.
+    static constexpr int kReceiveBytes = 2560;
+    static constexpr int kZerosBehind = 16;  // UNetLinkData::ParseData wants them
 
     int CloseSocket();
     void Add(UNetLinkData* data);
