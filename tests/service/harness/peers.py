@@ -131,7 +131,7 @@ class Peers:
             ready = self.selector.select(1)
             with self.changed:
                 for key, _ in ready:
-                    if key.fileobj in self.selector.get_map():      # not taken away meanwhile
+                    if self.selector.get_map().get(key.fd) is key:      # not taken away, and perhaps closed, meanwhile
                         key.data()
 
     def records(self, receiver, since=0):
