@@ -73,15 +73,33 @@ bool MakeFolders(const std::string& path) {
     return S_ISDIR(status.st_mode);
 }
 
-// A socket that the service manager made and handed over under the sender's name (LISTEN_PID, LISTEN_FDS,
-// LISTEN_FDNAMES), or -1. They begin at descriptor 3.
-int HandedOver(std::string_view name) {
+constexpr int kFirstHandedOver = 3;
+
+// Behind the last descriptor that the service manager handed over to this process (LISTEN_PID, LISTEN_FDS).
+int EndOfHandedOver() {
     const char* process = std::getenv("LISTEN_PID");
     const char* count = std::getenv("LISTEN_FDS");
+    if (!process || !count || std::strtol(process, nullptr, 10) != getpid()) return kFirstHandedOver;
+    int end = kFirstHandedOver;
+    for (long left = std::strtol(count, nullptr, 10); left > 0 && fcntl(end, F_GETFD) >= 0; --left)
+        ++end;
+    return end;
+}
+
+// Also those that nobody asks for here: the programs that the service starts inherit none.
+void KeepHandedOverFromChildren() {
+    const int end = EndOfHandedOver();
+    for (int fd = kFirstHandedOver; fd < end; ++fd)
+        fcntl(fd, F_SETFD, FD_CLOEXEC);
+}
+
+// A socket that was handed over under the sender's name (LISTEN_FDNAMES), or -1.
+int HandedOver(std::string_view name) {
     const char* names = std::getenv("LISTEN_FDNAMES");
-    if (!process || !count || !names || std::strtol(process, nullptr, 10) != getpid()) return -1;
+    if (!names) return -1;
     std::string_view rest = names;
-    for (int fd = 3; fd < 3 + std::strtol(count, nullptr, 10); ++fd) {
+    const int end = EndOfHandedOver();
+    for (int fd = kFirstHandedOver; fd < end; ++fd) {
         const std::size_t colon = rest.find(':');
         if (rest.substr(0, colon) == name) return fd;
         if (colon == std::string_view::npos) return -1;
@@ -188,6 +206,7 @@ bool DcmInterface::Receiver::Open() {
         PLOG(LOG_FAILED, "nothing will be received: %s", strerrordesc_np(errno));
         return false;
     }
+    KeepHandedOverFromChildren();
     if (!MakeFolders(m_folder)) PLOG(LOG_FAILED, "no inbox %s: %s", m_folder.c_str(), strerrordesc_np(errno));
     for (std::size_t index = 0; index < kSenderCount; ++index)
         Listen(index);
@@ -205,7 +224,6 @@ void DcmInterface::Receiver::Listen(std::size_t index) {
             listener.fd = -1;  // not ours to close
             return;
         }
-        fcntl(listener.fd, F_SETFD, FD_CLOEXEC);
         fcntl(listener.fd, F_SETFL, fcntl(listener.fd, F_GETFL) | O_NONBLOCK);
     } else {
         const std::string path = m_folder + "/" + listener.sender->name;

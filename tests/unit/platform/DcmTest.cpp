@@ -296,6 +296,21 @@ TEST_F(Dcm, SocketHandedOverByTheServiceManagerIsUsedAndNotTakenAway) {
     EXPECT_TRUE(std::filesystem::exists(elsewhere));
 }
 
+TEST_F(Dcm, NothingThatWasHandedOverIsInheritedByChildrenAlsoWhatNobodyAskedFor) {
+    interface.reset();
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 3);
+    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+    setenv("LISTEN_FDS", "1000000000", 1);  // ends where the descriptors end
+    setenv("LISTEN_FDNAMES", "stranger", 1);
+    interface = std::make_unique<DcmInterface>();
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    EXPECT_TRUE(std::filesystem::exists(SocketOf("media")));
+    interface.reset();
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC) << "not ours to close";
+    close(fd);
+}
+
 TEST_F(Dcm, WhatIsPushedToTheSdcmQueueGoesToSdcmInOrder) {
     Inbox sdcm(folder.path() + "/sdcm/usb");
     for (int i = 0; i < 100; ++i) {
