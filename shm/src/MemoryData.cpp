@@ -65,7 +65,7 @@ const std::array<MemoryData, kTableRows>& get_table() {
 
 const MemoryData* get_table_index(ssmID::e_SsmID id) {
     if (id >= ssmID::SSM_ID_MAX) {
-        Complain(__func__, "unvalid index");
+        Complain(__func__, "unvalid index");  // Deliberate: the spelling.
         return nullptr;
     }
     return &kTable[id];

@@ -200,6 +200,7 @@ void UFrame::HandleDiag(unsigned int len, char* buf) {
         int active[4];
         for (int i = 0; i < 4; ++i)
             active[i] = request.data[i] >> 7;
+        // Deliberate: the spelling, which readers of the log look for.
         ULOG(LOG_INFO, "activiation for hub interface_1:%d interface_2:%d interface_3:%d interface_4:%d",
              active[0], active[1], active[2], active[3]);
         for (unsigned char i = 0; i < 4; ++i)
