@@ -418,6 +418,17 @@ TEST_F(UNodeUsbTest, AHubThatLeavesWithoutHavingCountedSendsNothing) {
     EXPECT_THAT(Drain(kMonitor), IsEmpty());
 }
 
+TEST_F(UNodeUsbTest, AUnitWithASinglePortIsNotChangedByATwoPortHub) {
+    UPort::m_hub_max_port = 1;
+    PlugIn(kHub, kTwoPortHub);
+    EXPECT_EQ(UPort::m_hub_max_port, 1);
+    Unplug(kHub, 1);
+    EXPECT_EQ(UPort::m_hub_max_port, 1);
+    EXPECT_THAT(Packets(), IsEmpty());
+    EXPECT_THAT(Drain(kUsb), IsEmpty());
+    EXPECT_THAT(Drain(kMonitor), IsEmpty());
+}
+
 TEST_F(UNodeUsbTest, TheHubsOwnFunctionStartsAndStopsTheVoltageSupervision) {
     for (const unsigned short pid : {0x2530, 0x4940}) {
         UPort::m_max_current = 1;

@@ -18,7 +18,7 @@ constexpr std::uint16_t kExternalCdVid = 0x2166;
 constexpr std::uint16_t kExternalCdPid = 0x000c;
 constexpr std::size_t kDirectoryBytes = 16;  // "PORT9/", "PART255/"
 
-constexpr std::size_t kCommandBytes = 128;  // the longest: 90 characters
+constexpr std::size_t kCommandBytes = 128;  // the longest: 74 characters
 
 constexpr const char* kNavScript = "/hux/app_ro/navi/naviengine/prepare_dil.sh";
 constexpr const char* kUpdateScript = "hx.sh";  // on the shell's own search path
@@ -274,7 +274,7 @@ bool UNodeBlock::HasPartitions() const {
 }
 
 void UNodeBlock::NotifyBlockToMedia(E_CMD cmd, E_SUB_CMD sub, std::uint8_t slot) {
-    if (cmd == CMD_ERROR) {
+    if (cmd == CMD_ERROR) {  // Deliberate: media never hears of a failed mount.
         ULOG(LOG_INFO, "popup isn't shown in the usbapp");
         ULOG(LOG_DETAIL, "not sent sub_cmd:%d parti:%d", static_cast<int>(sub), slot);
         return;

@@ -166,13 +166,14 @@ void UNodeUsb::ActionAddInterface(UEventData* event) {
     device->UpdateNumInterfaces();
     ULOG(LOG_INFO, "total_interface_num:%d cur_interface_num:%d", device->m_num_interfaces,
          m_interface_number.load());
+    // Deliberate: the highest number is the last to arrive, whichever others are missing.
     if (m_interface_number == device->m_num_interfaces - 1) device->Perform(ACTION_ADD);
 }
 
 void UNodeUsb::UpdateNumInterfaces() {
     const int number = UString::GetInterfaceString2Value(m_devpath, kStringNumInterfacePath);
     if (number <= 0) {
-        ULOG(LOG_FAILED, "cant' get the num of interface");
+        ULOG(LOG_FAILED, "cant' get the num of interface");  // Deliberate: the spelling.
         return;
     }
     if (number == m_num_interfaces) return;
@@ -339,6 +340,7 @@ void UNodeUsb::PerformI2cHub(E_ACTION action) {
 
 void UNodeUsb::PerformCustomerHub(E_ACTION action) {
     ULOG(LOG_INFO, "action:%d customer hub", action);
+    // Deliberate: told as an unsupported device, not as a hub.
     if (action == ACTION_ADD) {
         NotifyEventToMedia(CMD_ERROR, SUB_CMD_CUSTOMER_HUB, DEV_TYPE_UNSUPPORTED);
         NotifyNodeRemovalToUsb(false);
