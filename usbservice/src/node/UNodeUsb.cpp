@@ -166,7 +166,7 @@ void UNodeUsb::ActionAddInterface(UEventData* event) {
     device->UpdateNumInterfaces();
     ULOG(LOG_INFO, "total_interface_num:%d cur_interface_num:%d", device->m_num_interfaces,
          m_interface_number.load());
-    // Deliberate: the highest number is the last to arrive, whichever others are missing.
+    // Deliberate: the highest number counts as the last to arrive, whichever others are missing.
     if (m_interface_number == device->m_num_interfaces - 1) device->Perform(ACTION_ADD);
 }
 
