@@ -23,6 +23,14 @@ UNodeUsb* AsUsb(UNode* node, int devtype) {
     return usb->GetUsbDevType() == devtype ? usb : nullptr;
 }
 
+bool IsUsbDeviceOn(UNode* node, std::uint8_t port, E_DEV_TYPE type) {
+    if (node->GetPort() % 10 != port) return false;
+    const UNodeUsb* usb = AsUsb(node, USB_DEVTYPE_DEVICE);
+    if (!usb) return false;
+    const E_DEV_TYPE has = usb->GetDevType();
+    return type == DEV_TYPE_ANY ? has != DEV_TYPE_HUB : has == type;
+}
+
 }  // namespace
 
 UListNode::UListNode() {
@@ -204,13 +212,18 @@ UNode* UListNode::FindFirstLocked(Wanted wanted) {
 }
 
 UNode* UListNode::FindUsbNode(std::uint8_t port, E_DEV_TYPE type) {
-    return FindFirst([port, type](UNode* node) {
-        if (node->GetPort() % 10 != port) return false;
-        const UNodeUsb* usb = AsUsb(node, USB_DEVTYPE_DEVICE);
-        if (!usb) return false;
-        const E_DEV_TYPE has = usb->GetDevType();
-        return type == DEV_TYPE_ANY ? has != DEV_TYPE_HUB : has == type;
-    });
+    return FindFirst([port, type](UNode* node) { return IsUsbDeviceOn(node, port, type); });
+}
+
+bool UListNode::FindUsbNode(std::uint8_t port, E_DEV_TYPE type, FoundUsbNode& found) {
+    Lock();
+    UNode* node = FindFirstLocked([port, type](UNode* one) { return IsUsbDeviceOn(one, port, type); });
+    if (node) {
+        const auto* usb = static_cast<const UNodeUsb*>(node);
+        found = {usb->GetPort(), usb->GetVid(), usb->GetPid()};
+    }
+    Unlock();
+    return node != nullptr;
 }
 
 UNode* UListNode::FindTtyNode() {

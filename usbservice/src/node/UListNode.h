@@ -15,6 +15,13 @@
 
 namespace dcm::usb {
 
+// What another thread may know of a USB device: a copy, taken under the list's lock.
+struct FoundUsbNode {
+    std::uint8_t port;  // full port number
+    std::uint16_t vid;
+    std::uint16_t pid;
+};
+
 // Owns the nodes. A node's parent is the deepest node whose path its own begins with, as plain text: "sda" is
 // a parent of "sdaa". A parent is looked for once, when the node comes; who comes later adopts nobody.
 // The lock is not recursive: constructors and destructors of nodes run under it and call nothing of the list.
@@ -40,6 +47,7 @@ public:
 
     // The first USB device (not interface) on port % 10; DEV_TYPE_ANY: any type but hub.
     UNode* FindUsbNode(std::uint8_t port, E_DEV_TYPE type);
+    bool FindUsbNode(std::uint8_t port, E_DEV_TYPE type, FoundUsbNode& found);  // for other threads
     UNode* FindTtyNode();
     UNode* FindNetNode(std::uint8_t port);  // the whole port number, not its units digit
 
