@@ -29,16 +29,6 @@ constexpr unsigned int kMinMedia = sizeof(MediaCommand);
 
 constexpr std::uint8_t kTestMountCheck = 8;
 
-// Switches of the engineering menu, in the order in which their changes are dealt with.
-struct Switch {
-    std::uint32_t StShmUsbCert::*value;
-    const char* name;
-};
-constexpr Switch kSwitches[] = {{&StShmUsbCert::test_force_enable1, "test_force_enable1"},
-                                {&StShmUsbCert::test_force_enable2, "test_force_enable2"},
-                                {&StShmUsbCert::device_mode1, "device_mode1"},
-                                {&StShmUsbCert::device_mode2, "device_mode2"}};
-
 // The message as a whole record: what is missing at its end is zero, what is too much is left out.
 template <typename Record>
 Record Receive(unsigned int len, const char* buf) {
@@ -53,9 +43,36 @@ bool IsTooShort(unsigned int len, const char* buf, unsigned int least) {
     return true;
 }
 
+// A text of another process needs no terminator; ours has one.
+template <std::size_t size>
+void Terminate(char (&field)[size]) {
+    field[size - 1] = '\0';
+}
+
+UMsgNode ReceiveNode(unsigned int len, const char* buf) {
+    auto message = Receive<UMsgNode>(len, buf);
+    Terminate(message.serial);
+    Terminate(message.product);
+    Terminate(message.manufacturer);
+    Terminate(message.devpath);
+    return message;
+}
+
+UMsgChMode ReceiveMode(unsigned int len, const char* buf) {
+    auto message = Receive<UMsgChMode>(len, buf);
+    Terminate(message.serial);
+    Terminate(message.devpath);
+    Terminate(message.devid);
+    return message;
+}
+
 // Only a change between off and on counts; any other value is left alone.
-bool IsSwitched(std::uint32_t before, std::uint32_t now) {
-    return (before == 0 && now == 1) || (before == 1 && now == 0);
+bool IsSwitchedOn(std::uint32_t before, std::uint32_t now) {
+    return before == 0 && now == 1;
+}
+
+bool IsSwitchedOff(std::uint32_t before, std::uint32_t now) {
+    return before == 1 && now == 0;
 }
 
 }  // namespace
@@ -112,14 +129,60 @@ void UFrame::HandleDcm(unsigned int len, char* buf) {
         ULOG(LOG_FAILED, "dev_accessor is null");
         return;
     }
-    const auto message = Receive<UMsgHeader>(len, buf);
-    switch (message.id) {
+    auto head = Receive<UMsgHeader>(len, buf);
+    switch (head.id) {
+        case MSGID_REQ_AA_MODE:
+        case MSGID_REQ_ML_MODE:
+        case MSGID_REQ_CP_MODE:
+        case MSGID_REQ_ACL_MODE:
+        case MSGID_REQ_ICL_MODE:
+        case MSGID_REQ_RESET_MODE: {
+            UMsgChMode request = ReceiveMode(len, buf);
+            return m_list_port_state->ProcessMode(&request);
+        }
+        case MSGID_SEARCH:
+            return Search(SEARCH_FROM_SDCM);
+        case MSGID_USB_ADD:
+        case MSGID_USB_REMOVE: {
+            UMsgNode device = ReceiveNode(len, buf);
+            if (device.sender == SENDER_ITEM) return m_list_port_state->ProcessDeferredUsbDetection(&device);
+            return m_list_port_state->ProcessUsbDetection(&device);
+        }
+        case MSGID_HID_ADD:
+        case MSGID_HID_REMOVE:
+            return m_list_port_state->ProcessHidDetection(&head);
+        case MSGID_TTY_ADD:
+        case MSGID_TTY_REMOVE:
+        case MSGID_TTY_CHANGE:
+            return m_list_port_state->ProcessTtyDetection(&head);
         case MSGID_USB_SCAN_BEGIN:
             return NotifyScanToSdcm(MSGID_SCAN_BEGIN);
         case MSGID_USB_SCAN_END:
             return NotifyScanToSdcm(MSGID_SCAN_END);
+        case MSGID_REMOVE_USB:
+            m_dev_accessor->StartRemoveUsb(head.port);
+            return;
+        case MSGID_RESET_HUB:
+            return m_dev_accessor->ResetHubPower();
+        case MSGID_CH_TIMEOUT:
+        case MSGID_CARPLAY_TIMEOUT:
+            return m_list_port_state->ProcessTimeout(&head);
+        case MSGID_CARPLAY_CAPA:
+            return m_list_port_state->ProcessCarplayCapa(&head);
     }
-    RefuseMessage(message.id);
+    ULOG(LOG_REFUSED, "unknown msgID:%d", head.id);
+}
+
+// For phones on both ports of the unit, whatever was asked for.
+void UFrame::Search(E_SEARCH_TRIGGER trigger) {
+    for (std::uint8_t port = 1; port <= 2; ++port) {
+        UMsgSearch search{};
+        search.sender = SENDER_SEARCH;
+        search.id = MSGID_SEARCH;
+        search.port = port;
+        search.argument = trigger;
+        m_list_port_state->ProcessSearch(&search);
+    }
 }
 
 void UFrame::HandleMedia(unsigned int len, char* buf) {
@@ -134,7 +197,7 @@ void UFrame::HandleMedia(unsigned int len, char* buf) {
         return;
     }
     ULOG(LOG_INFO, "SEARCH_PHONE dev_type:%d port:%d", command.dev_type, command.port);
-    RefuseMessage(MSGID_SEARCH);
+    Search(SEARCH_FROM_MEDIA);
 }
 
 void UFrame::HandleGEM(unsigned int len, char* buf) {
@@ -164,8 +227,20 @@ void UFrame::UpdateSwitches() {
     ULOG(LOG_INFO, "test_force_enable1:%d>%d test_force_enable2:%d>%d device_mode1:%d>%d device_mode2:%d>%d",
          before.test_force_enable1, now.test_force_enable1, before.test_force_enable2, now.test_force_enable2,
          before.device_mode1, now.device_mode1, before.device_mode2, now.device_mode2);
-    for (const Switch& item : kSwitches)
-        if (IsSwitched(before.*item.value, now.*item.value)) RefuseSwitch(item.name);
+    ChangeSignalTest(1, before.test_force_enable1, now.test_force_enable1);
+    ChangeSignalTest(2, before.test_force_enable2, now.test_force_enable2);
+    ChangeDeviceMode(1, before.device_mode1, now.device_mode1);
+    ChangeDeviceMode(2, before.device_mode2, now.device_mode2);
+}
+
+void UFrame::ChangeSignalTest(std::uint8_t port, std::uint32_t before, std::uint32_t now) {
+    if (IsSwitchedOn(before, now)) m_list_port_state->ProcessSignalQualityTest(port, true);
+    if (IsSwitchedOff(before, now)) m_list_port_state->ProcessSignalQualityTest(port, false);
+}
+
+void UFrame::ChangeDeviceMode(std::uint8_t port, std::uint32_t before, std::uint32_t now) {
+    if (IsSwitchedOn(before, now)) m_list_port_state->ProcessHubMode(port, HUB_DEVICE);
+    if (IsSwitchedOff(before, now)) m_list_port_state->ProcessHubMode(port, HUB_HOST);
 }
 
 void UFrame::HandlePower(unsigned int len, char* buf) {
@@ -254,16 +329,6 @@ void UFrame::NotifyScanToSdcm(E_MSGID id) {
     ScanRecord record{SENDER_COMMAND, id, 0};
     ULOG(LOG_INFO, "msgID:%d", id);
     m_notifier->Push2SDCM(kSourceUsb, sizeof record, reinterpret_cast<char*>(&record));
-}
-
-// The port logic is not there yet: what a port state or the accessor would deal with ends in these two, and
-// is refused as what nobody knows.
-void UFrame::RefuseMessage(std::uint32_t id) {
-    ULOG(LOG_REFUSED, "unknown msgID:%d", id);
-}
-
-void UFrame::RefuseSwitch(const char* name) {
-    ULOG(LOG_REFUSED, "unknown str:%s", name);
 }
 
 }  // namespace dcm::usb

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/frame.h"
-#include "record/MessageId.h"
+#include "record/FrameMessage.h"
 
 namespace dcm::usb {
 
@@ -18,8 +18,7 @@ class UListPortState;
 class UNotifier;
 class USetting;
 
-// The port logic, the accessor's operations and the hub's self-test are not there yet: what needs them is
-// refused the way an unknown message is (RefuseMessage, RefuseSwitch).
+// The hub's self-test is not there yet: diagnosis' request for it is refused the way an unknown one is.
 class UFrame : public frame::Frame {
 public:
     // Makes the singletons that all frames share: settings, port list, node list, accessor. Made before the
@@ -43,9 +42,10 @@ public:
     void NotifyScanToSdcm(E_MSGID id);
 
 private:
+    void Search(E_SEARCH_TRIGGER trigger);
     void UpdateSwitches();
-    void RefuseMessage(std::uint32_t id);
-    void RefuseSwitch(const char* name);
+    void ChangeSignalTest(std::uint8_t port, std::uint32_t before, std::uint32_t now);
+    void ChangeDeviceMode(std::uint8_t port, std::uint32_t before, std::uint32_t now);
 
     UNotifier* m_notifier = nullptr;  // owned
     UListPortState* m_list_port_state =
