@@ -1,10 +1,12 @@
 #include "frame/UFrame.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string>
 
 #include "FrameBench.h"
+#include "PortSpy.h"
 #include "access/UDevAccessor.h"
 #include "gmock/gmock.h"
 #include "node/UListNode.h"
@@ -46,6 +48,7 @@ struct UFrame : FrameBench {
         ka_log_threshold = 64;  // the trace line of each message has a test of its own
         ClearLogs();
         ClearStoreCalls();
+        ClearPortCalls();
     }
     void MakeWithoutNotifier() {
         TheStage().no_memory_for = {sizeof(dcm::usb::UNotifier)};
@@ -195,20 +198,128 @@ TEST_F(UFrame, TellsSdcmThatTheScanBeganAndEnded) {
     EXPECT_THAT(Logs(), ElementsAre(Line(128, "msgID:3"), Line(128, "msgID:4")));
 }
 
-TEST_F(UFrame, RefusesMessagesThatNeedPortsOrHubControlLikeUnknownOnes) {
-    for (std::uint32_t id = 0; id <= 50; ++id) {
-        if (id == 27 || id == 28) continue;
-        Bytes message(348);
-        std::memcpy(&message[4], &id, sizeof id);
-        message[8] = 1;
+// Which operation an internal message of this id and sender becomes, and how many bytes of it are looked at.
+struct Road {
+    const char* operation;
+    std::size_t size;
+};
+Road RoadOf(std::uint32_t id, std::uint8_t sender) {
+    if (id >= 12 && id <= 17) return {"mode", 244};
+    if (id == 20 || id == 21) return {sender == 4 ? "deferred device" : "device", 348};
+    if (id == 22 || id == 23) return {"hid", 12};
+    if (id >= 24 && id <= 26) return {"tty", 12};
+    if (id == 45 || id == 46) return {"timeout", 12};
+    if (id == 47) return {"capability", 12};
+    return {nullptr, 0};
+}
+
+Bytes Internal(std::uint32_t id, std::uint8_t sender, std::size_t size, std::uint8_t fill) {
+    Bytes message(size < 9 ? 9 : size, fill);
+    message[0] = sender;
+    std::memcpy(&message[4], &id, sizeof id);
+    message[8] = 2;
+    return message;
+}
+
+TEST_F(UFrame, LeadsEachMessageToItsOperationWhole) {
+    for (std::uint32_t id = 0; id <= 60; ++id) {
+        for (const std::uint8_t sender : {0, 3, 4}) {
+            const Road road = RoadOf(id, sender);
+            if (!road.operation) continue;
+            ClearPortCalls();
+            const Bytes message = Internal(id, sender, road.size, 0);
+            Take(kInternal, message);
+            EXPECT_THAT(PortCalls(), ElementsAre(PortCall{road.operation, message})) << "id " << id;
+        }
+    }
+    EXPECT_THAT(Logs(), IsEmpty());
+}
+
+TEST_F(UFrame, RefusesMessagesThatNobodyKnows) {
+    for (const std::uint32_t id :
+         {0, 1, 5, 10, 11, 19, 31, 32, 33, 34, 35, 36, 37, 38, 39, 40, 41, 42, 43, 44, 48, 49, 255}) {
         ClearLogs();
-        Take(kInternal, message);
+        Take(kInternal, Internal(id, 4, 348, 0));
         EXPECT_THAT(Logs(), ElementsAre(Line(160, Format("unknown msgID:%d", static_cast<int>(id)))));
     }
+    EXPECT_THAT(PortCalls(), IsEmpty());
     EXPECT_THAT(Drain(kSdcm), IsEmpty());
     EXPECT_THAT(Drain(kUsb), IsEmpty());
     EXPECT_THAT(Drain(kMonitor), IsEmpty());
     EXPECT_THAT(Packets(), IsEmpty());
+}
+
+TEST_F(UFrame, ASearchOfSdcmIsOneForEachPort) {
+    Take(kInternal, Internal(18, 0, 12, 0xFF));
+    EXPECT_THAT(PortCalls(), ElementsAre(PortCall{"search", Hex("01 00*3 12 00*3 01 00*3")},
+                                         PortCall{"search", Hex("01 00*3 12 00*3 02 00*3")}));
+}
+
+TEST_F(UFrame, RemovesADeviceByThePortNumberOfTheMessage) {
+    Bytes message = Internal(29, 3, 12, 0);
+    for (const std::uint8_t port : {0, 1, 32, 255}) {
+        message[8] = port;
+        Take(kInternal, message);
+    }
+    EXPECT_THAT(PortCalls(), ElementsAre(PortCall{"remove port 0"}, PortCall{"remove port 1"},
+                                         PortCall{"remove port 32"}, PortCall{"remove port 255"}));
+}
+
+TEST_F(UFrame, SwitchesTheHubOffAndOnWhenItIsAskedTo) {
+    Take(kInternal, Internal(30, 3, 12, 0));
+    EXPECT_THAT(PortCalls(), ElementsAre(PortCall{"reset hub power"}));
+}
+
+TEST_F(UFrame, OnlyTheKindOfASupervisionItemDefersADevice) {
+    for (int sender = 0; sender < 256; ++sender) {
+        ClearPortCalls();
+        Take(kInternal, Internal(21, static_cast<std::uint8_t>(sender), 348, 0));
+        ASSERT_EQ(PortCalls().size(), 1u);
+        EXPECT_EQ(PortCalls()[0].operation, sender == 4 ? "deferred device" : "device") << sender;
+    }
+}
+
+TEST_F(UFrame, GivesEveryTextOfAMessageItsEnd) {
+    Take(kInternal, Internal(12, 0, 244, 'x'));
+    Take(kInternal, Internal(20, 3, 348, 'x'));
+    ASSERT_EQ(PortCalls().size(), 2u);
+    for (const PortCall& call : PortCalls()) {
+        // Where serial, path and name end in a request; and serial, product, manufacturer and path in a
+        // device.
+        const auto ends = call.operation == "mode" ? std::vector<std::size_t>{77, 205, 237}
+                                                   : std::vector<std::size_t>{91, 155, 219, 347};
+        for (std::size_t i = 9; i < call.record.size(); ++i) {
+            const bool isEnd = std::find(ends.begin(), ends.end(), i) != ends.end();
+            EXPECT_EQ(call.record[i], isEnd ? 0 : 'x') << call.operation << " at " << i;
+        }
+    }
+}
+
+TEST_F(UFrame, MessagesOfEveryLengthAreFilledUpWithZerosAndCutAtTheirSize) {
+    for (std::uint32_t id = 0; id <= 60; ++id) {
+        const Road road = RoadOf(id, 4);
+        if (!road.operation) continue;
+        Bytes whole = Internal(id, 4, 400, 0x41);
+        for (const std::size_t end : {77, 205, 237, 91, 155, 219, 347})
+            whole[end] = 0;
+        for (std::size_t length = 8; length <= 400; ++length) {
+            ClearPortCalls();
+            Take(kInternal, Bytes(whole.begin(), whole.begin() + static_cast<long>(length)));
+            Bytes expected(whole.begin(), whole.begin() + static_cast<long>(std::min(length, road.size)));
+            expected.resize(road.size);
+            ASSERT_THAT(PortCalls(), ElementsAre(PortCall{road.operation, expected}))
+                << "id " << id << " length " << length;
+        }
+    }
+}
+
+TEST_F(UFrame, NoMessageOfAnyIdAndLengthIsReadBehindItsEnd) {
+    for (std::uint32_t id = 0; id <= 60; ++id) {
+        const Bytes whole = Internal(id, 3, 400, 0xFF);
+        for (std::size_t length = 1; length <= 400; ++length)
+            Take(kInternal, Bytes(whole.begin(), whole.begin() + static_cast<long>(length)));
+    }
+    EXPECT_THAT(Logs(192), IsEmpty());
 }
 
 TEST_F(UFrame, ReadsAnInternalMessageNoFurtherThanItGoes) {
@@ -219,10 +330,11 @@ TEST_F(UFrame, ReadsAnInternalMessageNoFurtherThanItGoes) {
                                     Line(160, "unknown msgID:-1")));
 }
 
-TEST_F(UFrame, RefusesASearchOfTheMediaPlayerUntilThereIsPortLogic) {
+TEST_F(UFrame, ASearchOfTheMediaPlayerIsOneForEachPortWhateverItNames) {
     Take(kMedia, "00*4 08 00*3 00*4 09 00*3 02 00*3");
-    EXPECT_THAT(Logs(),
-                ElementsAre(Line(128, "SEARCH_PHONE dev_type:9 port:2"), Line(160, "unknown msgID:18")));
+    EXPECT_THAT(Logs(), ElementsAre(Line(128, "SEARCH_PHONE dev_type:9 port:2")));
+    EXPECT_THAT(PortCalls(), ElementsAre(PortCall{"search", Hex("01 00*3 12 00*3 01 01 00*2")},
+                                         PortCall{"search", Hex("01 00*3 12 00*3 02 01 00*2")}));
 }
 
 TEST_F(UFrame, RefusesAMediaRequestOfNineteenBytes) {
@@ -260,30 +372,37 @@ TEST_F(UFrame, LogsTheSwitchesBeforeAndAfterAChange) {
     EXPECT_THAT(Logs(), Wrote(128,
                               "test_force_enable1:0>2 test_force_enable2:0>3 device_mode1:0>4 "
                               "device_mode2:0>5"));
-    EXPECT_THAT(Logs(160), IsEmpty()) << "only changes between 0 and 1 are acted on";
+    EXPECT_THAT(PortCalls(), IsEmpty()) << "only changes between 0 and 1 are acted on";
     SetSwitches(0, 0, 0, 0);
     ClearLogs();
     TakeText("shm_usb_cert");
     EXPECT_THAT(Logs(), Wrote(128,
                               "test_force_enable1:2>0 test_force_enable2:3>0 device_mode1:4>0 "
                               "device_mode2:5>0"));
-    EXPECT_THAT(Logs(160), IsEmpty());
+    EXPECT_THAT(PortCalls(), IsEmpty());
 }
 
-TEST_F(UFrame, RefusesWhatASwitchAsksForUntilThereIsPortLogic) {
+TEST_F(UFrame, ActsOnSwitchesFromOffToOnAndBackInTheirOrder) {
     SetSwitches(1, 1, 1, 1);
     TakeText("shm_usb_cert");
-    const auto refusals =
-        ElementsAre(Line(160, "unknown str:test_force_enable1"), Line(160, "unknown str:test_force_enable2"),
-                    Line(160, "unknown str:device_mode1"), Line(160, "unknown str:device_mode2"));
-    EXPECT_THAT(Logs(160), refusals);
+    EXPECT_THAT(PortCalls(), ElementsAre(PortCall{"signal test port 1 on"}, PortCall{"signal test port 2 on"},
+                                         PortCall{"hub mode port 1 2"}, PortCall{"hub mode port 2 2"}));
+    ClearPortCalls();
+    TakeText("shm_usb_cert");
+    EXPECT_THAT(PortCalls(), IsEmpty()) << "nothing changed";
     SetSwitches(0, 0, 0, 0);
-    ClearLogs();
     TakeText("shm_usb_cert");
-    EXPECT_THAT(Logs(160), refusals);
-    ClearLogs();
+    EXPECT_THAT(PortCalls(),
+                ElementsAre(PortCall{"signal test port 1 off"}, PortCall{"signal test port 2 off"},
+                            PortCall{"hub mode port 1 1"}, PortCall{"hub mode port 2 1"}));
+}
+
+TEST_F(UFrame, ActsOnTheSwitchThatChangedAlone) {
+    SetSwitches(0, 0, 0, 1);
     TakeText("shm_usb_cert");
-    EXPECT_THAT(Logs(160), IsEmpty()) << "nothing changed";
+    SetSwitches(0, 1, 0, 1);
+    TakeText("shm_usb_cert");
+    EXPECT_THAT(PortCalls(), ElementsAre(PortCall{"hub mode port 2 2"}, PortCall{"signal test port 2 on"}));
 }
 
 TEST_F(UFrame, DeviceModeTwoIsNoChange) {
@@ -293,7 +412,7 @@ TEST_F(UFrame, DeviceModeTwoIsNoChange) {
     TakeText("shm_usb_cert");
     SetSwitches(0, 0, 2, 0);
     TakeText("shm_usb_cert");
-    EXPECT_THAT(Logs(160), IsEmpty());
+    EXPECT_THAT(PortCalls(), IsEmpty());
     EXPECT_EQ(Setting().GetUsbCert().device_mode1, 2u);
 }
 
