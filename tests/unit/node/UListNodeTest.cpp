@@ -273,6 +273,19 @@ TEST_F(UListNodeTest, FindsAUsbDeviceByTheUnitsDigitOfItsPort) {
     EXPECT_EQ(List().FindUsbNode(32, DEV_TYPE_NONE), nullptr);
 }
 
+TEST_F(UListNodeTest, GivesAnotherThreadACopyOfWhatItMayKnowOfAUsbDevice) {
+    UsbDevice(kPort32, {0x04e8, 0x6860});
+    FoundUsbNode found{};
+    EXPECT_TRUE(List().FindUsbNode(2, DEV_TYPE_NONE, found));
+    EXPECT_EQ(found.port, 32);
+    EXPECT_EQ(found.vid, 0x04e8);
+    EXPECT_EQ(found.pid, 0x6860);
+    EXPECT_FALSE(List().FindUsbNode(1, DEV_TYPE_NONE, found));
+    EXPECT_FALSE(List().FindUsbNode(32, DEV_TYPE_NONE, found));
+    EXPECT_FALSE(List().FindUsbNode(2, DEV_TYPE_PHONE, found));
+    EXPECT_EQ(found.port, 32) << "what was not found changes nothing";
+}
+
 TEST_F(UListNodeTest, PortThreeIsAlsoThirteenAndTwentyThree) {
     for (const char* path : {"/1-1.3", "/1-1.3/1-1.3.1", "/1-1.3/1-1.3.2"}) {
         UNodeUsb* const node = UsbDevice(kHub + path, {0x1234, 1});
@@ -593,6 +606,10 @@ TEST_F(UListNodeTest, OtherThreadsMayLookWhileNodesComeChangeAndGo) {
     std::thread command_frame([this, &done] {
         char path[32];
         while (!done) {
+            FoundUsbNode found{};
+            if (List().FindUsbNode(1, DEV_TYPE_ANY, found)) {
+                EXPECT_EQ(found.port, 1);
+            }
             List().FindUsbNode(1, DEV_TYPE_ANY);
             List().FindTtyNode();
             List().FindNetNode(1);
