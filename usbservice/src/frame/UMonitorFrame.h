@@ -7,10 +7,9 @@
 
 namespace dcm::usb {
 
+class UListItem;
 class UNotifier;
 
-// Supervision is not there yet: requests are taken from the queue, so that it does not fill, and refused as
-// unknown.
 class UMonitorFrame : public frame::Frame {
 public:
     UMonitorFrame(std::shared_ptr<kipc::Interface>& interface, frame::Message* message);
@@ -20,13 +19,16 @@ public:
     void event_handler(unsigned long src, unsigned int len, char* buf) override;
 
     void Init();  // on the frame's own thread, at the first call
+    // What the sender left out at the end of its message reads as zero; texts need no terminator.
     void ParseMsg(unsigned int len, char* msg);
+    void Process();  // one pass over the items
 
 private:
     enum E_STATE : unsigned int { E_STATE_INIT = 0, E_STATE_RUNNING = 1 };
 
     unsigned int m_state = E_STATE_INIT;
-    UNotifier* m_notifier = nullptr;  // owned; made by Init
+    UNotifier* m_notifier = nullptr;   // owned; made by Init
+    UListItem* m_list_item = nullptr;  // singleton, made by Init, released with this frame
 };
 
 }  // namespace dcm::usb

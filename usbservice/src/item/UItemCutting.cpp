@@ -1,0 +1,40 @@
+#include "item/UItemCutting.h"
+
+#include "misc/ULog.h"
+#include "notify/UNotifier.h"
+
+namespace dcm::usb {
+
+namespace {
+
+constexpr int kWaitMs = 3000;
+
+}  // namespace
+
+UItemCutting::UItemCutting(UNotifier* notifier, std::uint8_t port, const UMsgNode& msg)
+    : UItemDeferred(ITEM_CUTTING, notifier, port, kWaitMs) {
+    m_message.sender = SENDER_ITEM;
+    m_message.id = MSGID_USB_REMOVE;
+    m_message.port = port;
+    m_message.dev_type = msg.dev_type;
+    m_message.vid = msg.vid;
+    m_message.pid = msg.pid;
+    m_message.usb_class = msg.usb_class;
+    m_message.speed = msg.speed;
+    CopyText(m_message.serial, msg.serial);
+    CopyText(m_message.product, msg.product);
+    CopyText(m_message.manufacturer, msg.manufacturer);
+    CopyText(m_message.devpath, msg.devpath);
+}
+
+int UItemCutting::CheckEjection() {
+    if (!m_notifier) {
+        ULOG(LOG_FAILED, "notifier is null");
+        return -1;
+    }
+    ULOG(LOG_INFO, "deferred ejection");
+    m_notifier->Push2USB(kSourceUsb, sizeof m_message, reinterpret_cast<char*>(&m_message));
+    return -1;
+}
+
+}  // namespace dcm::usb
