@@ -115,6 +115,24 @@ public:
     static const char* const kKaHubControlName[5];  // index: E_KA_HUB_CONTROL
 
 private:
+    class Phone;  // an open phone, under the lock
+
+    class Locked {
+    public:
+        explicit Locked(UDevAccessor& accessor) : m_mutex(&accessor.m_mutex) { pthread_mutex_lock(m_mutex); }
+        ~Locked() { pthread_mutex_unlock(m_mutex); }
+        Locked(const Locked&) = delete;
+        Locked& operator=(const Locked&) = delete;
+
+    private:
+        pthread_mutex_t* m_mutex;
+    };
+
+    int MakeDevicePort(std::uint8_t port);
+    int CutPower(std::uint8_t port);
+    void Unbind(std::uint8_t port);
+    int Bind(std::uint8_t port);
+
     pthread_mutex_t m_mutex;  // one operation at a time, so that one libusb context exists at a time
 };
 
