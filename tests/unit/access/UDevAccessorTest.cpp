@@ -1,9 +1,6 @@
-#include "access/UDevAccessor.h"
-
 #include "gmock/gmock.h"
-#include "gtest/gtest.h"
 #include "support/FailingMutex.h"
-#include "support/RecordingPlatform.h"
+#include "unit/access/AccessorBench.h"
 
 namespace test {
 namespace {
@@ -11,17 +8,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-struct UDevAccessor : ::testing::Test {
-    void SetUp() override {
-        dcm::usb::UDevAccessor::Release();
-        ResetPlatform();
-        fail_mutex_init = fail_mutex_destroy = false;
-    }
-    void TearDown() override {
-        fail_mutex_init = fail_mutex_destroy = false;
-        dcm::usb::UDevAccessor::Release();
-    }
-};
+using UDevAccessor = AccessorBench;
 
 TEST_F(UDevAccessor, ExistsOnceFromItsFirstUseToItsRelease) {
     auto* const accessor = dcm::usb::UDevAccessor::GetInstance();
@@ -32,13 +19,13 @@ TEST_F(UDevAccessor, ExistsOnceFromItsFirstUseToItsRelease) {
 }
 
 TEST_F(UDevAccessor, SaysThatItsMutexCannotBeMade) {
+    dcm::usb::UDevAccessor::Release();
     fail_mutex_init = true;
     dcm::usb::UDevAccessor::GetInstance();
     EXPECT_THAT(Logs(), ElementsAre(Line(192, "failed to init mutex")));
 }
 
 TEST_F(UDevAccessor, SaysThatItsMutexCannotBeDestroyed) {
-    dcm::usb::UDevAccessor::GetInstance();
     fail_mutex_destroy = true;
     dcm::usb::UDevAccessor::Release();
     EXPECT_THAT(Logs(), ElementsAre(Line(192, "failed to destroy mutex")));

@@ -32,6 +32,7 @@ constexpr unsigned kMirrorLinkLimit = 1000;  // ms
 constexpr unsigned kCarplaySupported = 1;  // answer to kCarplayCapability
 
 constexpr int kUnreachable = -1;  // the phone could not be opened
+
 struct FreeList {
     void operator()(libusb_device** list) const { libusb_free_device_list(list, 1); }
 };
