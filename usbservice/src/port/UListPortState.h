@@ -57,6 +57,13 @@ public:
     void DeleteAllPortStates();
 
 private:
+    struct Lock;
+
+    // These say what is missing.
+    bool HasNotifier() const;
+    bool CanProcess(const void* msg) const;
+    UPortState* StateOf(std::uint8_t port);  // makes it when it is not there
+
     std::uint8_t m_carplay_port = 0;
     UNotifier* m_notifier = nullptr;        // not owned
     std::vector<UPortState*> m_port_lists;  // in order of first sight

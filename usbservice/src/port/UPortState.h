@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 
 #include "access/UDevAccessor.h"
@@ -116,6 +117,61 @@ public:
     void ProcessHubMode(E_HUB_MODE mode);
 
 private:
+    struct ModeRoad;
+    static const ModeRoad kAndroidAuto;
+    static const ModeRoad kCarLife;
+    static const ModeRoad kMirrorLink;
+
+    static bool IsAccessory(std::uint16_t vid, std::uint16_t pid);
+    bool IsApple() const;
+    bool IsAndroid() const;
+    std::uint8_t UnitPort() const { return m_port % 10; }
+    std::uint8_t PhonePort() const { return m_port > 9 ? m_port / 10 : m_port; }
+
+    // These say what is missing, or where the port stands.
+    bool HasMessage(const void* msg) const;
+    bool HasNotifier() const;
+    bool HasAccessor() const;
+    void LogState() const;
+    void LogState(std::uint8_t message_port) const;
+    void LogNotSend() const;
+    void LogBusNumbers() const;
+
+    bool FindNode(std::initializer_list<E_DEV_TYPE> types, FoundUsbNode& found);
+    void UpdateCapability(int aa, int ml, int cp);
+    UMsgNode StoredNode() const;
+    UMsgChMode StoredRequest() const;
+    void SendEvent(E_MSGID id, const UMsgNode& about);
+    void SendResult(E_MSGID id, E_RESULT result, const char* devid, const UMsgChMode& about);
+
+    void Attach(UMsgNode* msg);
+    void AttachOther(UMsgNode* msg);
+    void AttachAgain(UMsgNode* msg);
+    bool IsOther(const UMsgNode& msg) const;
+    void SetAttachTarget();
+    void SetAttachTargetApple();
+    void ReturnAccessory(UMsgNode* msg, const ModeRoad& road);
+    void RestartAccessory(const UMsgNode& msg, const ModeRoad& road);
+    void ReturnSwitched(UMsgNode* msg, E_MSGID id, E_CON_STATE running);
+    void ReturnFromReset(UMsgNode* msg, const ModeRoad& road);
+    void AddInCLChanging(UMsgNode* msg);
+    void AddInCLResetting(UMsgNode* msg);
+    void Detach(UMsgNode* msg);
+    void DetachStored();
+    void AwaitReturn(UMsgNode* msg);
+    bool FindCarplay();
+
+    void StartAccessory(UMsgChMode* msg, const ModeRoad& road);
+    void FollowStart(int started, UMsgChMode* msg, const ModeRoad& road);
+    void AcceptRequest(UMsgChMode* msg, E_MSGID id, E_CON_STATE changing);
+    int RefuseChange(E_MSGID id, UMsgChMode* msg);
+    int RefuseMissing(const char* phone, E_MSGID id, UMsgChMode* msg);
+    void ResetCarplay(UMsgChMode* msg);
+    void ResetAppleCarLife(UMsgChMode* msg);
+    void ResetAndroid(UMsgChMode* msg, const ModeRoad& road);
+    void EndReset(bool is_reset, UMsgChMode* msg, E_CON_STATE resetting);
+    void EndChange(const ModeRoad& road);
+
     const std::uint8_t m_port;
     UNotifier* const m_notifier;  // not owned, may be null
     E_CON_STATE m_state = STATE_DETACH;
