@@ -28,6 +28,10 @@ class AccessorBench : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
+    void Renew() {  // between the rows of a table
+        TearDown();
+        SetUp();
+    }
 
     static dcm::usb::UDevAccessor& Accessor() { return *dcm::usb::UDevAccessor::GetInstance(); }
     static void SetHubPorts(std::uint8_t ports);  // size of the unit's hub
