@@ -44,7 +44,10 @@ void UPortState::ProcessUsbAddMsg(UMsgNode* msg) {
             break;
         case STATE_ML_RESETTING:
             m_notifier->PushCutting(false, msg);
-            IsOther(*msg) ? AttachOther(msg) : AttachAgain(msg);
+            if (IsOther(*msg))
+                AttachOther(msg);
+            else
+                AttachAgain(msg);
             break;
         case STATE_CP_RESETTING:
             m_notifier->PushCarplayTimeout(false, m_port);
