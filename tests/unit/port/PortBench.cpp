@@ -307,11 +307,13 @@ void* __wrap__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag) {
     return TheStage().no_memory_for.contains(size) ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
 }
 
-// Of UDevAccessor.
-#define ON_PHONE(mangled, operation)                                                                \
-    int __wrap__ZN3dcm3usb12UDevAccessor##mangled##Etth(dcm::usb::UDevAccessor*, std::uint16_t vid, \
-                                                        std::uint16_t pid, std::uint8_t port) {     \
-        return OnPhone(operation, vid, pid, port);                                                  \
+// Of UDevAccessor. Pointers to member functions are even, as the compiler aligns these: an odd one would be
+// taken for the number of a virtual function.
+#define EVEN [[gnu::aligned(2)]]
+#define ON_PHONE(mangled, operation)                                                                     \
+    EVEN int __wrap__ZN3dcm3usb12UDevAccessor##mangled##Etth(dcm::usb::UDevAccessor*, std::uint16_t vid, \
+                                                             std::uint16_t pid, std::uint8_t port) {     \
+        return OnPhone(operation, vid, pid, port);                                                       \
     }
 ON_PHONE(9StartAOAP, "StartAOAP")
 ON_PHONE(16StartCarLifeAOAP, "StartCarLifeAOAP")
@@ -323,22 +325,22 @@ ON_PHONE(16StartCPPortReset, "StartCPPortReset")
 ON_PHONE(16StartCLPortReset, "StartCLPortReset")
 ON_PHONE(16StartAAPortReset, "StartAAPortReset")
 
-#define ON_PORT(mangled, operation)                                                                 \
-    int __wrap__ZN3dcm3usb12UDevAccessor##mangled##Eh(dcm::usb::UDevAccessor*, std::uint8_t port) { \
-        return OnPort(operation, port);                                                             \
+#define ON_PORT(mangled, operation)                                                                      \
+    EVEN int __wrap__ZN3dcm3usb12UDevAccessor##mangled##Eh(dcm::usb::UDevAccessor*, std::uint8_t port) { \
+        return OnPort(operation, port);                                                                  \
     }
 ON_PORT(16StartMLPortReset, "StartMLPortReset")
 ON_PORT(14StartRemoveUsb, "StartRemoveUsb")
 ON_PORT(17DiscernPortStatus, "DiscernPortStatus")
 
-int __wrap__ZN3dcm3usb12UDevAccessor15StartEyePatternEhb(dcm::usb::UDevAccessor*, std::uint8_t port,
-                                                         bool on) {
+EVEN int __wrap__ZN3dcm3usb12UDevAccessor15StartEyePatternEhb(dcm::usb::UDevAccessor*, std::uint8_t port,
+                                                              bool on) {
     return OnPort("StartEyePattern", port, on ? " on" : " off");
 }
 
-int __wrap__ZN3dcm3usb12UDevAccessor12StartHubModeEhNS0_16E_KA_HUB_CONTROLE(dcm::usb::UDevAccessor*,
-                                                                            std::uint8_t port,
-                                                                            dcm::usb::E_HUB_MODE mode) {
+EVEN int __wrap__ZN3dcm3usb12UDevAccessor12StartHubModeEhNS0_16E_KA_HUB_CONTROLE(dcm::usb::UDevAccessor*,
+                                                                                 std::uint8_t port,
+                                                                                 dcm::usb::E_HUB_MODE mode) {
     return OnPort("StartHubMode", port, test::Format(" mode %d", mode));
 }
 
