@@ -646,21 +646,21 @@ TEST_F(CarplayCapability, IsThereWhenTheAnswerIsOne) {
 }
 
 TEST_F(CarplayCapability, IsNotThereWhenTheAnswerIsAnythingElse) {
-    const std::vector<std::pair<Bytes, std::string>> rows = {
-        {{0, 0, 0, 0}, "0"},
-        {{2, 0, 0, 0}, "2"},
-        {{0, 0, 0, 1}, "16777216"},
-        {{1, 0, 0, 1}, "16777217"},
-        {{1, 1, 0, 0}, "257"},
-        {{1, 0, 1, 0}, "65537"},
-        {{}, "0"},
-        {{0xFF, 0xFF, 0xFF, 0xFF}, "4294967295"},
+    const std::vector<std::pair<Bytes, unsigned>> rows = {
+        {{0, 0, 0, 0}, 0},
+        {{2, 0, 0, 0}, 2},
+        {{0, 0, 0, 1}, 16777216},
+        {{1, 0, 0, 1}, 16777217},
+        {{1, 1, 0, 0}, 257},
+        {{1, 0, 1, 0}, 65537},
+        {{}, 0},
+        {{0xFF, 0xFF, 0xFF, 0xFF}, 4294967295},
     };
     for (const auto& [answer, value] : rows) {
         Renew();
         Plug(PhoneThatGives(Reply(answer), 0x53));
         EXPECT_EQ(Accessor().DiscernCPCapability(kVid, kPid, kPort), 2);
-        EXPECT_THAT(Logs(), ElementsAre(Line(128, "not support, data[" + value + "]")));
+        EXPECT_THAT(Logs(), ElementsAre(Line(128, Format("not support, data[%u]", value))));
     }
 }
 
