@@ -34,8 +34,17 @@ CONTROLLER = "/devices/soc/7600000.hsusb/7600000.dwc3/xhci-hcd.0.auto"
 
 ATTACH, MOUNTED, DETACH, ERROR = 2, 3, 5, 6                            # cmd
 UNSUPPORTED_DEVICE, CUSTOMER_HUB = 1, 7                                # sub_cmd
-NONE, UNSUPPORTED, HUB, CD_DRIVE, STORAGE, APPLE_SHUTTLE, PHONE, MTP, INPUT = 0, 1, 2, 3, 5, 8, 9, 10, 12
-SCAN_BEGIN, SCAN_END = 3, 4                                            # id
+NONE, UNSUPPORTED, HUB, CD_DRIVE, STORAGE, APPLE, APPLE_SHUTTLE, PHONE, MTP, INPUT = 0, 1, 2, 3, 5, 6, 8, 9, 10, 12
+ATTACHED, DETACHED, SCAN_BEGIN, SCAN_END = 1, 2, 3, 4                  # id
+# What a device can do, as SDCM is told: Android Auto, MirrorLink, CarPlay, CarLife.
+UNKNOWN, SUPPORTED, NOT_SUPPORTED, ACCESSORY = 0, 1, 2, 3
+CAPABILITY = {
+    STORAGE: (NOT_SUPPORTED, SUPPORTED, NOT_SUPPORTED, NOT_SUPPORTED),
+    APPLE: (NOT_SUPPORTED, NOT_SUPPORTED, UNKNOWN, NOT_SUPPORTED),
+    APPLE_SHUTTLE: (NOT_SUPPORTED, NOT_SUPPORTED, UNKNOWN, NOT_SUPPORTED),
+    PHONE: (NOT_SUPPORTED, SUPPORTED, NOT_SUPPORTED, NOT_SUPPORTED),
+    MTP: (NOT_SUPPORTED, SUPPORTED, NOT_SUPPORTED, NOT_SUPPORTED),
+}   # of one that answers no vendor request; no other type has a state of its port
 FULL_SPEED = 1   # of everything behind QEMU's hubs
 
 RECEIVERS = sorted({receiver for record in usbrecords.RECORDS.values() if record["from"] == "usb"
@@ -57,6 +66,7 @@ class Plugged:
     manufacturer: str = "QEMU"
     power: int = 1                          # 1: it may not sleep ("power/level" is "on")
     speed: int = FULL_SPEED
+    capability: tuple = None                # None: that of a device which answers no vendor request
 
     @property
     def devpath(self):
@@ -96,17 +106,41 @@ def together(*told):
     return all_of_them
 
 
-def came(device):
-    """A device is there and known: diagnosis hears of its state."""
+def state_told(device):
+    """Diagnosis hears of a device's state."""
     return to(["diag"], "diag_device_state", power=device.power, speed=device.speed, usb_class=device.interface[0],
               sub_class=device.interface[1], protocol=device.interface[2], vid=device.vid, pid=device.pid, connected=1)
 
 
+def event_told(device, event):
+    """SDCM hears that a device came or went."""
+    capability = device.capability or CAPABILITY[device.dev_type]
+    return to(["sdcm"], "device_event", id=event, port=device.port, dev_type=device.dev_type, vid=device.vid,
+              pid=device.pid, usb_class=device.interface[0], speed=device.speed, aa_capa=capability[0],
+              ml_capa=capability[1], cp_capa=capability[2], cl_capa=capability[3], serial=device.serial,
+              product=device.product, manufacturer=device.manufacturer, devpath=device.devpath)
+
+
+def came(device):
+    """A device is there and known: diagnosis hears of its state, SDCM of those that have a state of their port, and
+    media of phones."""
+    told = [state_told(device)]
+    if device.dev_type in CAPABILITY:
+        told.append(event_told(device, ATTACHED))
+    if device.dev_type == PHONE:
+        told.append(device_told(device, ATTACH, 0, PHONE))
+    return together(*told)
+
+
 def left(device):
-    """All that diagnosis hears of a device that left is that it did; `device` says which, for the reader."""
-    del device
-    return to(["diag"], "diag_device_state", power=0xFF, speed=0xFF, usb_class=0xFF, sub_class=0xFF, protocol=0xFF,
-              vid=0xFFFF, pid=0xFFFF, connected=0)
+    """A device that was attached, in no projection mode, is gone. Diagnosis is not told which."""
+    told = [to(["diag"], "diag_device_state", power=0xFF, speed=0xFF, usb_class=0xFF, sub_class=0xFF, protocol=0xFF,
+               vid=0xFFFF, pid=0xFFFF, connected=0)]
+    if device.dev_type in CAPABILITY:
+        told.append(event_told(device, DETACHED))
+    if device.dev_type == PHONE:
+        told.append(device_told(device, DETACH, 0, PHONE))
+    return together(*told)
 
 
 def device_told(device, cmd, sub_cmd, dev_type):

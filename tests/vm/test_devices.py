@@ -32,11 +32,15 @@ class Devices(RoadTest):
         self.unit.unplug(plugged)
         self.told(hub_left(hub))
 
-    def test_a_black_listed_serial_adapter_is_unsupported_and_to_be_removed(self):
+    def test_a_black_listed_serial_adapter_is_unsupported_and_removed_from_the_kernel(self):
         adapter = Plugged(port=2, vid=0x0403, pid=0x6001, dev_type=UNSUPPORTED, interface=(0xFF, 0xFF, 0xFF),
                           serial="SERIAL", product="QEMU USB SERIAL")
         self.start()
-        self.walk("1.2", SerialAdapter(), adapter, [unsupported(adapter)], [unsupported_left(adapter)])
+        plugged = self.unit.plug("1.2", SerialAdapter())
+        self.told(unsupported(adapter), came(adapter), unsupported_left(adapter), left(adapter))
+        self.assertFalse(self.unit.exists(self.unit.usb_path("1.2")))
+        self.unit.unplug(plugged)
+        self.told()
         self.assert_log("this is blacklist device", times=1, since=(0, 0))
         self.assert_log("remove it. isForce:1 customer_hub_support:1 path:\\S+/1-1.2 port:2$", times=1, since=(0, 0))
 

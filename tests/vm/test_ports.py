@@ -96,7 +96,8 @@ class TakenPorts(Ports):
         self.told(came(stick), attached(port=2), mounted(VFAT))
 
     def test_no_stick_is_mounted_on_the_port_of_an_mtp_device(self):
-        device = Plugged(port=12, pid=0x0004, dev_type=MTP, interface=(6, 1, 1), serial="MTP", product="QEMU USB MTP")
+        device = Plugged(port=12, pid=0x0004, dev_type=MTP, interface=(6, 1, 1), serial="MTP",
+                         product="QEMU filesharing")
         self.refused(Mtp(self.empty), device, "the port is already MTP, so not mount")
 
     def test_no_stick_is_mounted_on_the_port_of_an_apple_shuttle_device(self):
