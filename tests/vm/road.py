@@ -198,7 +198,9 @@ HUB_NOT_SUPPORTED = to(["diag"], "diag_hub_support", not_supported=1)
 START_REPORTS = together(to(["diag"], "diag_external_optical_status", status=0xFF),
                          to(["diag"], "diag_external_optical_error_code", status=b"\xff\xff\xff"),
                          to(["diag"], "diag_over_current", present=0))
-SCAN = together(to(["sdcm"], "scan", id=SCAN_BEGIN), to(["sdcm"], "scan", id=SCAN_END))
+SCAN_BEGINS = to(["sdcm"], "scan", id=SCAN_BEGIN)
+SCAN_ENDS = to(["sdcm"], "scan", id=SCAN_END)
+SCAN = together(SCAN_BEGINS, SCAN_ENDS)
 # With the vehicle's hub, and nothing plugged into it.
 STARTED = together(START_REPORTS, HUB_HEALTHY, SCAN)
 

@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """What is there when the service starts, what comes while it looks around, and the vehicle's own hub."""
 from road import (CONTROLLER, HUB_FAULTY, HUB_HEALTHY, HUB_NOT_SUPPORTED, HeadUnitError, Plugged, RoadTest, SCAN,
-                  STARTED, START_REPORTS, Stick, Volume, attached, came, detached, left, main, mounted, state_told)
+                  SCAN_BEGINS, SCAN_ENDS, STARTED, START_REPORTS, Stick, Volume, attached, came, detached, left, main,
+                  mounted, state_told)
 
 STICK = Plugged(port=1)
 VFAT = Volume(port=1)
@@ -30,7 +31,7 @@ class Scan(RoadTest):
         stick = self.unit.plug("1.1", Stick(self.one))
         self.unit.wait_path("/sys/block/sda/sda1")
         # By their paths, what hangs on the hub comes before the hub's interface.
-        self.start(START_REPORTS, came(STICK), HUB_HEALTHY, SCAN, attached(port=1), mounted(VFAT))
+        self.start(START_REPORTS, SCAN_BEGINS, came(STICK), HUB_HEALTHY, SCAN_ENDS, attached(port=1), mounted(VFAT))
         self.between_scan_begin_and_end("NotifyBlockToMedia: cmd:2 sub_cmd:0 dev_type:5 port:1 parti:1", times=1)
         self.between_scan_begin_and_end("NotifyBlockToMedia: cmd:3 sub_cmd:0 dev_type:5 port:1 parti:1", times=1)
         self.assert_log("already exists", times=0)
@@ -56,7 +57,7 @@ class Scan(RoadTest):
         self.unit.run(f"kill -CONT {pid}")
         # The events that waited in the socket are handled after the scan, as an add like any other. Only the port knows
         # better: what is attached already is not announced to SDCM again.
-        self.told(START_REPORTS, came(STICK), HUB_HEALTHY, SCAN, attached(port=1), mounted(VFAT),
+        self.told(START_REPORTS, SCAN_BEGINS, came(STICK), HUB_HEALTHY, SCAN_ENDS, attached(port=1), mounted(VFAT),
                   state_told(STICK), attached(port=1, mount_path="/tmp/USB/PORT1/PART1/", uuid=DISK_ID))
         self.assert_log("InsertNode: already exists", times=4)     # device, interface, disk, partition
         self.assertEqual(self.nodes(), 10)     # as many as with a stick that came later
@@ -70,12 +71,12 @@ class Scan(RoadTest):
         self.unit.run(f"mkfifo /run/slow && mount --bind /run/slow {slow}")
         self.addCleanup(self.unit.run, f"umount -l {slow}; rm /run/slow")
         self.unit.start_service({"KA_LOG_LEVEL": str(self.LEVEL)})
-        self.told(START_REPORTS, {"sdcm": SCAN["sdcm"][:1]})
+        self.told(START_REPORTS, SCAN_BEGINS)
         stick = self.unit.plug("1.1", Stick(self.one))
         self.unit.wait_path("/sys/block/sda/sda1")
         self.told()
         self.unit.run("echo Linux > /run/slow")
-        self.told(HUB_HEALTHY, {"sdcm": SCAN["sdcm"][1:]}, came(STICK), attached(port=1), mounted(VFAT))
+        self.told(HUB_HEALTHY, SCAN_ENDS, came(STICK), attached(port=1), mounted(VFAT))
         self.assert_log("InsertNode: already exists", times=0)
         self.assertEqual(self.nodes(), 10)
         self.pull(stick)
