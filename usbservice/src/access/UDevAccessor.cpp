@@ -24,7 +24,7 @@ constexpr std::uint8_t kMirrorLink = 0xF0;
 constexpr std::uint16_t kRoleCarplay = 1;  // values of kRoleSwitch
 constexpr std::uint16_t kRoleCarLife = 0;
 constexpr std::uint16_t kMirrorLinkVersion = 0x0101;  // 1.1, the highest that we speak
-constexpr std::uint16_t kMirrorLinkVendor = 0x1004;   // our vendor id, which the phone may ask for
+constexpr std::uint16_t kMirrorLinkVendor = 0x1004;   // vendor id of the client
 
 constexpr unsigned kNoLimit = 0;
 constexpr unsigned kMirrorLinkLimit = 1000;  // ms
