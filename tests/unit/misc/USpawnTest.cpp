@@ -64,7 +64,9 @@ TEST_F(USpawnTest, GivesTheCommandNothingOfItsOwnEnvironment) {
 
 TEST_F(USpawnTest, SaysWhyNoShellCouldBeStarted) {
     libc.spawn_error = ENOENT;
+    errno = 0;
     EXPECT_EQ(USpawn::RunCmd("true"), -1);
+    EXPECT_EQ(errno, ENOENT) << "callers log it";
     EXPECT_THAT(Logs(), ElementsAre(Line(192, "failed to posix_spawn:No such file or directory")));
 }
 

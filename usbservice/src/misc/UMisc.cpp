@@ -219,6 +219,7 @@ int UFile::ChangeFullMode(const char* path) {
 int USpawn::RunCmd(const char* cmd) {
     if (!cmd) {
         ULOG(LOG_FAILED, "cmd is null");
+        errno = EINVAL;
         return -1;
     }
     // posix_spawn takes the arguments as char* and leaves them as they are.
@@ -229,6 +230,7 @@ int USpawn::RunCmd(const char* cmd) {
     const int error = posix_spawn(&child, "/bin/sh", nullptr, nullptr, arguments, environment);
     if (error != 0) {
         ULOG(LOG_FAILED, "failed to posix_spawn:%s", std::strerror(error));
+        errno = error;  // for the caller's own line
         return -1;
     }
     int status = 0;

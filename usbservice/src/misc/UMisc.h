@@ -70,8 +70,8 @@ class USpawn {
 public:
     USpawn() = delete;
 
-    // Runs `cmd` with /bin/sh and waits for it. 0 when the shell ran, whatever the command's own result; -1
-    // else.
+    // Runs `cmd` with /bin/sh and waits for it. 0 when the shell ran, whatever the command's own result; else
+    // -1, and errno says why.
     static int RunCmd(const char* cmd);
 };
 
