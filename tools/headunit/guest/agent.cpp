@@ -13,14 +13,15 @@
 //   output> kill <id>                              (its process group is killed; the "out" line follows)
 //   start [VAR=value ...]                  started <pid>  or  error start: <reason>
 //   stop <signal>                          (the signal is sent; "exited" follows when the service is gone)
+//   clock                                  clock <ns>
 //                                          exited code <n>  or  exited signal <n>, after its last log line
-//                                          ready                               once, when everything is set
-//                                          up rec <ns> <receiver> <hex>           one record from the service
-//                                          log <ns> <text>                     one line of the service's
-//                                          stderr error <text>                        a request that could
-//                                          not be done lost <n>                            n lines dropped
-//                                          here: the host did not
-//                                                                              read and 64 MiB were waiting
+//                                          ready                        once, when everything is set up
+//                                          rec <ns> <receiver> <hex>    one record from the service
+//                                          log <ns> <text>              one line of the service's stderr
+//                                          board <ns> <text>            one line of the board's kernel module
+//                                          error <text>                 a request that could not be done
+//                                          lost <n>                     n lines dropped here: the host does
+//                                                                       not read, and 64 MiB were waiting
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -51,6 +52,7 @@
 
 namespace headunit {
 
+constexpr const char* kBoardName = "headunit_board: ";
 constexpr const char* kPortName = "headunit.agent";
 constexpr const char* kService = "/usr/bin/usbservice";
 constexpr const char* kInboxRoot = "/run/kipc";
@@ -319,7 +321,9 @@ int Spawn(Child& child, const std::vector<std::string>& command,
 
 class Agent {
 public:
-    explicit Agent(Channel channel) : m_channel(std::move(channel)) {}
+    explicit Agent(Channel channel) : m_channel(std::move(channel)) {
+        lseek(m_kernel.get(), 0, SEEK_END);  // what was before is nobody's answer
+    }
 
     void Run() {
         for (const char* receiver : kReceivers) {
@@ -347,6 +351,7 @@ private:
         for (const auto& [id, child] : m_commands)
             AddTo(polled, child);
         if (m_service) AddTo(polled, *m_service);
+        polled.push_back({m_kernel.get(), POLLIN, 0});
         if (poll(polled.data(), polled.size(), -1) < 0) return;
         if ((polled[0].revents & POLLHUP) != 0) usleep(20'000);  // the host is not there: do not spin
 
@@ -354,6 +359,7 @@ private:
             inbox.Serve(m_channel);
         ServeService();
         ServeCommands();
+        ForwardBoard();
         for (const auto& line : m_channel.Receive())
             Obey(line);
         m_channel.Flush();
@@ -371,6 +377,7 @@ private:
         if (verb == "kill") return KillCommand(line);
         if (verb == "start") return StartService(line);
         if (verb == "stop") return StopService(line);
+        if (verb == "clock") return m_channel.Send("clock " + Now());
         m_channel.Send("error unknown request: " + verb);
     }
 
@@ -495,7 +502,24 @@ private:
         }
     }
 
+    // A read of the kernel's log gives one line: "6,339,5140900,-;headunit_board: port 2 off".
+    void ForwardBoard() {
+        std::array<char, 8192> buffer;
+        while (true) {
+            const ssize_t count = read(m_kernel.get(), buffer.data(), buffer.size());
+            if (count < 0 && errno == EPIPE) continue;  // lines were overwritten before they were read
+            if (count <= 0) return;
+            std::string_view line(buffer.data(), static_cast<std::size_t>(count));
+            line = line.substr(0, line.find('\n'));
+            const auto text = line.find(std::string(";") + kBoardName);
+            if (text == std::string_view::npos) continue;
+            m_channel.Send("board " + Now() + ' ' +
+                           std::string(line.substr(text + 1 + std::strlen(kBoardName))));
+        }
+    }
+
     Channel m_channel;
+    Descriptor m_kernel{open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
     std::vector<Inbox> m_inboxes;
     std::map<std::string, Descriptor> m_senders;  // open connections to the service, by sender
     std::map<std::string, Child> m_commands;      // running commands, by the host's id

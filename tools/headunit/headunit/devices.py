@@ -40,6 +40,15 @@ class Device:
         self.port = None
         self._after(qmp)
 
+    def meets(self, unit, powered):
+        """Before it is plugged into the unit; powered: whether the port has power."""
+
+    def power(self, on):
+        """The port where it hangs has lost its power, or has it back."""
+
+    def end(self):
+        """The machine is gone."""
+
     def _before(self, qmp):
         """Makes what the device needs."""
 

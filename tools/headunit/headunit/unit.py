@@ -65,6 +65,7 @@ class HeadUnit:
         self.image = pathlib.Path(image or os.environ.get("HEADUNIT_IMAGE") or ROOT / "build/headunit")
         self.boot_timeout = boot_timeout
         self.boot_seconds = None   # from QEMU's start to the agent's word
+        self.clock_offset = 0.0    # the guest's clock is ahead of time.monotonic() by so much, to some ms
         self.vehicle_hub = Hub(ports=2, serial="VEHICLE")   # is plugged while booting; ids 0424:4504
         self.qmp = None
         self._cpus = cpus
@@ -83,6 +84,9 @@ class HeadUnit:
         self._logs = []
         self._outputs = {}
         self._errors = []
+        self._board = []           # lines of the board's module: (time, text)
+        self._dark = set()         # ports of the vehicle's hub without power: {"1.2"}
+        self._clock = None         # answer to the question for the clock
         self._sent = 0
         self._starts = []          # process ids of the services started
         self._service_end = None   # how the last one ended, None while it runs
@@ -136,6 +140,20 @@ class HeadUnit:
         self.vehicle_hub.port = "1"
         self._plugged.append(self.vehicle_hub)
         self.wait_path(f"{CONTROLLER}/usb1/1-1/1-1:1.0")
+        self.clock_offset = self._ask_clock_offset()
+
+    def _ask_clock_offset(self):
+        """The best of some answers is the one that took least time."""
+        answers = []
+        for _ in range(5):
+            begin = time.monotonic()
+            with self._changed:
+                self._clock = None
+            self._tell("clock")
+            guest = self._until(lambda: self._clock, 20, "the guest's clock")
+            end = time.monotonic()
+            answers.append((end - begin, guest - (begin + end) / 2))
+        return min(answers)[1]
 
     def _command(self):
         board = " ".join(f"headunit_board.{name}={value}" for name, value in self._module.items())
@@ -169,6 +187,9 @@ class HeadUnit:
         if self._reader:
             self._reader.join(5)
             self._reader = None
+        for device in self._plugged:
+            device.end()
+        self._plugged.clear()
         if self._folder:
             shutil.rmtree(self._folder, ignore_errors=True)
             self._folder = None
@@ -208,10 +229,27 @@ class HeadUnit:
             self._service_end = rest
         elif verb == "ready":
             self._ready = True
+        elif verb == "clock":
+            self._clock = int(rest) / 1e9
+        elif verb == "board":
+            stamp, _, text = rest.partition(" ")
+            self._board.append((int(stamp) / 1e9, text))
+            self._power(text)
         elif verb == "lost":
             self._errors.append(f"{rest} lines were lost on the way from the guest")
         else:
             self._errors.append(rest if verb == "error" else line)
+
+    def _power(self, text):
+        """Devices that are connected by a program of ours do not see their port lose its power: they are told."""
+        words = text.split(" ")
+        if len(words) != 3 or words[0] != "port" or words[2] not in ("off", "on"):
+            return
+        port, on = f"1.{words[1]}", words[2] == "on"
+        (self._dark.discard if on else self._dark.add)(port)
+        for device in self._plugged:
+            if f"{device.port}.".startswith(port + "."):
+                device.power(on)
 
     def _tell(self, line):
         try:
@@ -390,12 +428,21 @@ class HeadUnit:
 
     def plug(self, port, device):
         """Plugs the device into a port of the vehicle's hub, "1.1" or "1.2", or behind a Hub there: "1.2.1"."""
+        with self._changed:
+            if device is self.vehicle_hub:
+                self._dark.clear()   # its ports come up with power
+            device.meets(self, self._has_power(port))
         try:
             device.attach(self.qmp, "x.0", port)
         except QmpError as error:
             raise HeadUnitError(f"{device} at {port}: {error}" + self._heard()) from error
-        self._plugged.append(device)
+        with self._changed:
+            self._plugged.append(device)
+            device.power(self._has_power(port))   # it may have changed meanwhile
         return device
+
+    def _has_power(self, port):
+        return ".".join(port.split(".")[:2]) not in self._dark
 
     def unplug(self, device):
         """Pulls the device, and with a hub what hangs on it."""
@@ -403,11 +450,12 @@ class HeadUnit:
             below = [one for one in self._plugged if one.port.startswith(device.port + ".")]
             device.detach(self.qmp)
             for one in below:
-                self._plugged.remove(one)
                 one.gone(self.qmp)
         except QmpError as error:
             raise HeadUnitError(f"pulling {device}: {error}" + self._heard()) from error
-        self._plugged.remove(device)
+        with self._changed:
+            for one in [device, *below]:
+                self._plugged.remove(one)
 
     def usb_path(self, port):
         """sysfs folder of what is plugged there: usb_path("1.2.1") ends in usb1/1-1/1-1.2/1-1.2.1."""
@@ -436,6 +484,20 @@ class HeadUnit:
 
     def forget_rewrites(self):
         self.board("rewrite", "-")
+
+    def board_lines(self, since=0.0):
+        """What the board's module has said since that time: (time, "ka_hub_control <- 3"), (time, "port 2 off"), ..."""
+        with self._changed:
+            return [line for line in self._board if line[0] >= since]
+
+    def wait_board(self, text, timeout=20, since=0.0):
+        """The first such line of the board's module."""
+        return self._until(lambda: _first(one for one in self._board if one[0] >= since and one[1] == text), timeout,
+                           f"the board's line {text!r}")
+
+    def configure(self, port, number):
+        """Chooses another configuration of a device: an iPhone's second one brings its modem."""
+        self.run(f"echo {number} > {self.usb_path(port)}/bConfigurationValue")
 
     def disk_partno(self, present):
         """Whether disks that come from now on have the attribute."""
