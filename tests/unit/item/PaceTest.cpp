@@ -1,4 +1,5 @@
 // The monitor frame keeps time for the items: what a port asks for comes back after so many milliseconds.
+#include <memory>
 #include <utility>
 
 #include "ItemBench.h"

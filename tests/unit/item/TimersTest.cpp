@@ -56,9 +56,7 @@ TEST_P(UItemTimeoutTest, CountsTheTimeThatPassesBetweenTwoPasses) {
     Add(GetParam().kind, 1);
     outside.now = {1000, 999999999};
     Pass();
-    outside.now = {1001 + GetParam().limit / 1000, 0};
-    outside.now.tv_nsec = 999999998;
-    outside.now.tv_sec -= 1;
+    outside.now = {1000 + GetParam().limit / 1000, 999999998};
     ClearLogs();
     Pass();
     EXPECT_THAT(Logs(), IsEmpty()) << "one nanosecond is missing";
@@ -175,7 +173,7 @@ TEST_F(UItemCarplayCapaTest, AsksFiveTimesAndEnds) {
         ClearLogs();
         PassAfter(7);  // the next wait begins here
         EXPECT_THAT(Drain(kUsb), ElementsAre(Told(47, 2)));
-        EXPECT_EQ(Logs().front(), Line(128, Format("port2 retry:%d", poll)));
+        EXPECT_THAT(Logs(), Wrote(128, Format("port2 retry:%d", poll)));
         EXPECT_EQ(Has(ITEM_CARPLAY_CAPA, 2), poll < 5);
     }
     EXPECT_THAT(Logs(), ElementsAre(Line(128, "port2 retry:5"), Line(128, "port2 terminated list_size:0")));
