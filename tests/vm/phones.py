@@ -1,0 +1,89 @@
+"""A bench for roads of phones: what SDCM and media ask, what the phone sees of it, through which states its port goes.
+
+    class Auto(PhoneRoad):
+        def test_an_android_phone_goes_to_android_auto(self):
+            self.start()
+            phone = self.unit.plug("1.2", Phone("android"))
+            self.told(came(ANDROID))
+            self.ask(AA, ANDROID)
+            self.told(left_the_bus(), state_told(ACCESSORY_ON_2), answered(AA, ACCESSORY_ON_2))
+            self.went(2, "STATE_ATTACH", "STATE_AA_CHANGING", "STATE_AA")
+            self.assertEqual(saw(phone), [PROTOCOL] + START_AA)
+"""
+import re
+
+from road import RoadTest, to
+import usbrecords
+
+# Requests of SDCM, and the answer's id.
+AA, MIRRORLINK, CARPLAY, ANDROID_CARLIFE, APPLE_CARLIFE, RESET = 12, 13, 14, 15, 16, 17
+ANSWER = {AA: 5, MIRRORLINK: 6, CARPLAY: 7, ANDROID_CARLIFE: 8, APPLE_CARLIFE: 9, RESET: 10}
+DONE, FAILED = 0, 1
+SEARCH = 18
+
+DEVID = "SDCM's name of it"
+
+# --- transfers, as Transfer.setup has them: type, request, value, index, data ---
+TO_PHONE, FROM_PHONE = 0x40, 0xC0
+PROTOCOL = (FROM_PHONE, 51, 0, 0, b"")
+START = (TO_PHONE, 53, 0, 0, b"")
+CARPLAY_QUERY = (FROM_PHONE, 0x53, 0, 0, b"")
+MIRRORLINK_COMMAND = (TO_PHONE, 0xF0, 0x0101, 0x1004, b"")
+
+
+def introduced(*texts):
+    """The names that a phone is told, each with its end."""
+    return [(TO_PHONE, 52, 0, index, text.encode() + b"\0") for index, text in enumerate(texts)]
+
+
+AA_NAMES = introduced("Android", "Android Open Automotive Protocol", "Android Open Automotive Protocol", "1.0",
+                      "https://www.android.com", "0000000012345678")
+CARLIFE_NAMES = introduced("Baidu", "CarLife", "Baidu CarLife", "1.0.0", "https://carlife.baidu.com",
+                           "0720000012345678")
+START_AA = [PROTOCOL] + AA_NAMES + [START]
+START_CARLIFE = [PROTOCOL] + CARLIFE_NAMES + [START]
+
+
+def saw(phone, since=0):
+    """The vendor requests that a phone saw, in order."""
+    return [one.setup for one in phone.transfers(since)]
+
+
+# --- records ---
+
+def left_the_bus():
+    """Diagnosis hears that a device left; whatever the port makes of it."""
+    return to(["diag"], "diag_device_state", power=0xFF, speed=0xFF, usb_class=0xFF, sub_class=0xFF, protocol=0xFF,
+              vid=0xFFFF, pid=0xFFFF, connected=0)
+
+
+def answered(request, device, result=DONE, devid=DEVID, **changes):
+    """SDCM gets the answer to a request, about that device."""
+    fields = {"port": device.port, "vid": device.vid, "pid": device.pid, "serial": device.serial,
+              "devpath": device.devpath, "devid": devid} | changes
+    return to(["sdcm"], "mode_result", id=ANSWER[request], result=result, **fields)
+
+
+class PhoneRoad(RoadTest):
+    def ask(self, request, device, devid=DEVID, **changes):
+        """SDCM asks for a mode of that device."""
+        fields = {"port": device.port, "vid": device.vid, "pid": device.pid, "serial": device.serial,
+                  "devpath": device.devpath, "devid": devid} | changes
+        self.unit.send("sdcm", usbrecords.mode_request(request, **fields))
+
+    def search_from_sdcm(self):
+        self.unit.send("sdcm", usbrecords.message(SEARCH))
+
+    def search_from_media(self):
+        self.unit.send("media", usbrecords.search_phone())
+
+    def states(self, port, since=(0, 0)):
+        """The states of a port in order, the first one included. An entered state that was there already counts."""
+        changes = [re.search(rf"SetState: port{port} (STATE_\w+)->(STATE_\w+)$", one.text)
+                   for one in self.unit.logs(since)]
+        changes = [one.groups() for one in changes if one]
+        return [before for before, _ in changes[:1]] + [after for _, after in changes]
+
+    def went(self, port, *states, since=None):
+        """Through exactly these states, in the last step or since a place in the stream."""
+        self.assertEqual(self.states(port, self._step if since is None else since), list(states), self.heard())
