@@ -290,9 +290,10 @@ TEST_F(UPortState, AsksNobodyInAnyOtherState) {
         for (const auto& phone : {kPhone, kApple, OfType(DEV_TYPE_STORAGE)}) {
             Stand(state, phone);
             State().CheckCapability();
-            EXPECT_THAT(Story(), ElementsAre(Format("160 port2 %s, not update",
-                                                    dcm::usb::UPortState::kStateName[state]),
-                                             "128 aa_capa:0 ml_capa:0 cp_capa:0 cl_capa:0"));
+            const char* const name = dcm::usb::UPortState::kStateName[state];
+            EXPECT_THAT(Logs(), ElementsAre(Line(160, Format("port%d %s, not update", 2, name)),
+                                            Line(128, "aa_capa:0 ml_capa:0 cp_capa:0 cl_capa:0")));
+            EXPECT_THAT(Deeds(), IsEmpty());
         }
     }
 }
@@ -1228,11 +1229,12 @@ TEST_F(UPortState, NothingIsDoneWithoutAMessage) {
         State().ProcessCarplayTimeoutMsg(nullptr);
         State().ProcessCarplayCapaMsg(nullptr);
         EXPECT_EQ(State().GetState(), state);
-        const std::string head = Format("128 port2 %s", dcm::usb::UPortState::kStateName[state]);
-        EXPECT_THAT(Story(),
-                    ElementsAre(head, "192 msg is null", head, "192 msg is null ", "192 msg is null",
-                                "192 msg is null", "192 msg is null ", "192 msg is null ", "192 msg is null",
-                                "192 msg is null", "192 msg is null", "192 msg is null", "192 msg is null"));
+        const LogLine head = Line(128, Format("port2 %s", dcm::usb::UPortState::kStateName[state]));
+        const LogLine null = Line(192, "msg is null");
+        const LogLine null_and_blank = Line(192, "msg is null ");
+        EXPECT_THAT(Logs(), ElementsAre(head, null, head, null_and_blank, null, null, null_and_blank,
+                                        null_and_blank, null, null, null, null, null));
+        EXPECT_THAT(Deeds(), IsEmpty());
         EXPECT_THAT(DrainSdcm(), IsEmpty());
         EXPECT_THAT(DrainMonitor(), IsEmpty());
     }
