@@ -42,6 +42,13 @@ struct Expected {
 using Step = std::function<void(Expected&)>;
 using Steps = std::vector<Step>;
 using States = std::vector<dcm::usb::E_CON_STATE>;
+inline const States kAllStates = {
+    dcm::usb::STATE_DETACH,       dcm::usb::STATE_ATTACH,       dcm::usb::STATE_CP_SUPPORT,
+    dcm::usb::STATE_AA_CHANGING,  dcm::usb::STATE_ML_CHANGING,  dcm::usb::STATE_CP_CHANGING,
+    dcm::usb::STATE_CL_CHANGING,  dcm::usb::STATE_RESETTING,    dcm::usb::STATE_AA,
+    dcm::usb::STATE_ML,           dcm::usb::STATE_CP,           dcm::usb::STATE_CL,
+    dcm::usb::STATE_AA_RESETTING, dcm::usb::STATE_ML_RESETTING, dcm::usb::STATE_CP_RESETTING,
+    dcm::usb::STATE_CL_RESETTING};
 
 struct Row {
     States states;

@@ -8,11 +8,6 @@ namespace {
 
 using namespace dcm::usb;
 
-const States kAllStates = {STATE_DETACH,       STATE_ATTACH,       STATE_CP_SUPPORT,   STATE_AA_CHANGING,
-                           STATE_ML_CHANGING,  STATE_CP_CHANGING,  STATE_CL_CHANGING,  STATE_RESETTING,
-                           STATE_AA,           STATE_ML,           STATE_CP,           STATE_CL,
-                           STATE_AA_RESETTING, STATE_ML_RESETTING, STATE_CP_RESETTING, STATE_CL_RESETTING};
-
 // Neither a phone that nobody uses yet nor the mode of the request.
 const States kNoAA = {STATE_DETACH,       STATE_CP_SUPPORT,  STATE_AA_CHANGING,  STATE_ML_CHANGING,
                       STATE_CP_CHANGING,  STATE_CL_CHANGING, STATE_RESETTING,    STATE_ML,
@@ -266,7 +261,7 @@ TEST_F(TransitionTable, MirrorLinkIsAskedFor) {
          false,
          {kLookForPhone, look_for_net, command, failed}},
         {"starts the second time",
-         gadget,
+         Android(),
          gadget,
          {gadget},
          {{start, {-1, 0}}},
@@ -487,6 +482,8 @@ TEST_F(TransitionTable, AResetIsAskedFor) {
         Reset("fails", Android(), Accessory(), {Accessory()}, failures, found_and_failed(kLookForPhone)),
         Reset("fails with a positive number", Android(), Accessory(), {Accessory()}, positive_failures,
               found_and_failed(kLookForPhone)),
+        Reset("a phone that the kernel does not forget", Android(), Accessory(), {Accessory()},
+              {{"StartRemoveUsb", {-1}}}, found(kLookForPhone)),
         Reset("no node", Android(), Accessory(), {}, {}, {carplay, missing, ml_missing, missing, {refused}}),
     };
 
@@ -501,6 +498,9 @@ TEST_F(TransitionTable, AResetIsAskedFor) {
                            {carplay, missing, stick_ml, {refused}, {refused}}));
     events.push_back(Reset("a device of no type", Other(), Other(), {}, {},
                            {carplay, missing, ml_missing, {refused}, {refused}}));
+    events.push_back(Reset("an Apple phone with other ids than the stored one", Apple(),
+                           WithIds(Apple(), 0x05ac, 0x12a9), {}, {},
+                           {carplay, missing, ml_missing, apple_carlife, apple_carlife}));
     for (const Phone& phone : {Apple(), Shuttle()}) {
         events.push_back(Reset("an Apple phone", phone, phone, {phone}, {},
                                {carplay, missing, ml_missing, apple_carlife, apple_carlife}));

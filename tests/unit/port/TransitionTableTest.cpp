@@ -1,4 +1,6 @@
 // Devices that come and go.
+#include "gtest/gtest-spi.h"
+
 #include "TransitionTable.h"
 
 namespace test {
@@ -91,9 +93,9 @@ Step AnotherDevice(const Step& attach, E_CON_STATE state) {
                 TellStored(2), Go(STATE_DETACH), attach, Go(state)});
 }
 
-// --- what the six kinds of unswitched and switched arrivals do ---
+// --- what arrivals do where a device of the same kind was ---
 
-// An Android phone where an Android phone was.
+// An Android phone.
 Arrival Unswitched(const Steps& detach) {
     return {
         .detach = detach,
@@ -122,7 +124,7 @@ Arrival AsAccessory(const Steps& detach) {
     };
 }
 
-// An Apple phone where an Apple phone was; `known` follows from what is known of the one that was there.
+// An Apple phone; `known` follows from what is known of the one that was there.
 Arrival AppleAgain(const Steps& detach, E_CON_STATE known) {
     return {
         .detach = detach,
@@ -137,7 +139,7 @@ Arrival AppleAgain(const Steps& detach, E_CON_STATE known) {
     };
 }
 
-// What is neither Android nor Apple, where such a device was.
+// What is neither Android nor Apple.
 Arrival NoPhone(const Steps& detach) {
     Arrival arrival = Unswitched(detach);
     arrival.cl_changing = arrival.cl_resetting = {};
@@ -180,7 +182,6 @@ TEST_F(TransitionTable, AnAccessoryComes) {
                              AsAccessory({kAttachAccessory, TellMedia(2), Go(STATE_AA)})));
     events.push_back(Add("accessory where an MTP device was", {.stored = Mtp()},
                          WithType(Accessory(), DEV_TYPE_MTP), AsAccessory({kAttachAccessory, Go(STATE_AA)})));
-    // Whoever was told that it is an accessory keeps this until the next device is recorded.
     events.push_back(Add("accessory where an accessory was", {.stored = Accessory()}, Accessory(),
                          AsAccessory({kAttachAccessory, TellMedia(2), Go(STATE_AA)})));
     Run(events);
@@ -273,7 +274,7 @@ TEST_F(TransitionTable, WhatIsNoPhoneComes) {
     Run(events);
 }
 
-// The table of one event with two results of the accessory: the first five tries do not look at it.
+// What a repeated start gives counts from the sixth on.
 TEST_F(TransitionTable, APhoneComesBackUnswitchedAgainAndAgain) {
     const Steps attach = {kAttachAndroid, TellMedia(2), Go(STATE_ATTACH)};
     std::vector<Event> events;
@@ -412,10 +413,6 @@ TEST_F(TransitionTable, ADeviceHasNotComeBackInTime) {
 const States kHidElsewhere = {STATE_DETACH,    STATE_AA_CHANGING,  STATE_ML_CHANGING,  STATE_CL_CHANGING,
                               STATE_RESETTING, STATE_AA,           STATE_ML,           STATE_CP,
                               STATE_CL,        STATE_AA_RESETTING, STATE_ML_RESETTING, STATE_CL_RESETTING};
-const States kAllStates = {STATE_DETACH,       STATE_ATTACH,       STATE_CP_SUPPORT,   STATE_AA_CHANGING,
-                           STATE_ML_CHANGING,  STATE_CP_CHANGING,  STATE_CL_CHANGING,  STATE_RESETTING,
-                           STATE_AA,           STATE_ML,           STATE_CP,           STATE_CL,
-                           STATE_AA_RESETTING, STATE_ML_RESETTING, STATE_CP_RESETTING, STATE_CL_RESETTING};
 
 TEST_F(TransitionTable, AHidrawNodeComes) {
     const Deed hid_add = [](UPortState& state, const Event&, unsigned char port) {
@@ -444,6 +441,21 @@ TEST_F(TransitionTable, AHidrawNodeComes) {
                           .happen = hid_add,
                           .rows = {{kAllStates, {Say(64, "ignore if not an apple device")}}}});
     Run(events);
+}
+
+// The table itself: who leaves out a state, or names it twice, is told.
+TEST_F(TransitionTable, EachStateHasOneRow) {
+    const Deed hid_remove = [](UPortState& state, const Event&, unsigned char) {
+        state.ProcessHidRemoveMsg();
+    };
+    const States but_last(kAllStates.begin(), kAllStates.end() - 1);
+    EXPECT_NONFATAL_FAILURE(
+        Run({{.name = "a row too few", .happen = hid_remove, .rows = {{but_last, {Enter()}}}}}),
+        "a row too few: rows of each state");
+    EXPECT_NONFATAL_FAILURE(Run({{.name = "a row too many",
+                                  .happen = hid_remove,
+                                  .rows = {{kAllStates, {Enter()}}, {{STATE_ML}, {Enter()}}}}}),
+                            "a row too many: rows of each state");
 }
 
 TEST_F(TransitionTable, AHidrawNodeGoes) {
