@@ -46,3 +46,42 @@ def device(cmd, sub_cmd, dev_type, node, port, codes, speed=2):
                             serial=shown["serial"] or f"{vid:x}_{pid:x}", product=shown["product"] or "",
                             manufacturer=shown["manufacturer"] or "", devpath=node.devpath[:127], usb_class=codes,
                             speed=speed)
+
+
+# What SDCM is told of a device's modes: Android Auto, MirrorLink, CarPlay, CarLife; 0 when it cannot be asked, as here,
+# where no device has a file in /dev.
+STORAGE_MODES = (2, 1, 2, 2)
+PHONE_MODES = (0, 1, 2, 2)
+ACCESSORY_MODES = (3, 1, 2, 2)
+APPLE_MODES = (2, 2, 0, 2)
+
+
+def ids(node):
+    vid, pid, _ = (int(number, 16) for number in node.keys["PRODUCT"].split("/"))
+    return vid, pid
+
+
+def event(id, dev_type, node, port, usb_class, modes, speed=2):
+    """What SDCM is told when a device comes (1) or goes (2)."""
+    vid, pid = ids(node)
+    shown = node.attributes
+    return usbrecords.build("device_event", id=id, port=port, dev_type=dev_type, vid=vid, pid=pid, usb_class=usb_class,
+                            speed=speed, aa_capa=modes[0], ml_capa=modes[1], cp_capa=modes[2], cl_capa=modes[3],
+                            serial=shown["serial"] or f"{vid:x}_{pid:x}", product=shown["product"] or "",
+                            manufacturer=shown["manufacturer"] or "", devpath=node.devpath[:127])
+
+
+def request(id, node, port=1, devid="", **other):
+    """What SDCM asks of a device: ids 12 to 17."""
+    vid, pid = ids(node)
+    values = dict(port=port, vid=vid, pid=pid, serial=node.attributes["serial"], devpath=node.devpath, devid=devid)
+    values.update(other)
+    return usbrecords.mode_request(id, **values)
+
+
+def result(id, asked, outcome, **other):
+    """The answer to a request (its bytes): 0 done, 1 failed or refused. Echoes the request."""
+    asked = usbrecords.parse("mode_request", asked)
+    values = {name: asked[name] for name in ("port", "vid", "pid", "serial", "devpath", "devid")}
+    values.update(other)
+    return usbrecords.build("mode_result", id=id, result=outcome, **values)

@@ -1,11 +1,9 @@
 #!/usr/bin/python3
 """What is plugged is told apart, and each kind is reported to those whom it concerns."""
-import re
-
 from bench import (DEVICE_LEFT, HUB_COMMUNICATION_FAULTY, HUB_COMMUNICATION_OK, HUB_NOT_SUPPORTED, HUB_STATUS_FAULTY,
-                   HUB_STATUS_OK, HUB_SUPPORTED, ServiceCase, board, device, device_came, main, volumes)
+                   HUB_STATUS_OK, HUB_SUPPORTED, ServiceCase, board, device, device_came, main, usbrecords, volumes, world)
 
-VENDOR = (0xFF, 0, 0)
+VENDOR = board.VENDOR
 
 
 class Kinds(ServiceCase):
@@ -56,8 +54,27 @@ class InputAndForbidden(Kinds):
         self.expect("media", device(6, 1, 1, adapter[0], 1, 0xFF, speed=1))
         self.expect_log("this is blacklist device", level=128)
         self.expect_log(f"remove it. isForce:1 customer_hub_support:1 path:{adapter[0].devpath} port:1")
+        self.assertEqual(self.board.read(adapter[0].devpath + "/remove"), "1")
         self.unplug(adapter)
         self.expect("media", device(5, 0, 1, adapter[0], 1, 0xFF, speed=1))
+
+    def test_a_device_of_the_black_list_behind_a_hub_is_removed_there(self):
+        hub = board.hub("1-1.2")
+        adapter = board.usb_device("1-1.2.3", 0x0403, 0x6001, [board.Interface(VENDOR, 2)])
+        self.plug(hub)
+        self.plug(adapter)
+        self.expect_log(f"echo 1 > /sys{adapter[0].devpath}/remove", level=128)
+        self.assertEqual(self.board.read(adapter[0].devpath + "/remove"), "1")
+        self.assertEqual(self.board.read(hub[0].devpath + "/remove"), "")
+
+    def test_the_removal_of_a_device_that_has_left_is_the_shells_complaint_only(self):
+        world.shell_said()
+        self.send("sdcm", usbrecords.message(29, port=2))
+        self.expect_log("child exited with status 512", level=128)
+        self.assertRegex("".join(world.shell_said()), f"cannot create /sys{board.path_of('1-1.2')}/remove: ")
+        for port in (0, 100):
+            self.send("sdcm", usbrecords.message(29, port=port))
+            self.expect_log(f"port:{port} is invalid", level=192)
 
     def test_a_device_of_an_unsupported_class_is_reported(self):
         camera = board.usb_device("1-1.1", 0x1234, 0x0002, [board.Interface((0x0E, 1, 0), 1)])
@@ -114,16 +131,17 @@ class InputAndForbidden(Kinds):
 
 
 class Phones(Kinds):
-    """What SDCM and media hear of phones is the ports' matter: here only how they are told apart."""
+    """What happens on the ports is test_ports' matter: here only how phones are told apart."""
 
     def kind_of(self, *arguments, **more):
         nodes = board.usb_device("1-1.2", *arguments, **more)
         self.plug(nodes)
-        line = self.service.wait_log(re.compile(r"msgID:20 dev_type:\d+ port:2 .*"), self.log_from)
-        self.assertIsNotNone(line)
+        said = self.got("sdcm")
         self.unplug(nodes)
-        self.assertIsNotNone(self.service.wait_log(re.compile(r"msgID:21 dev_type:\d+ port:2 .*"), self.log_from))
-        return int(re.search(r"dev_type:(\d+)", line.text).group(1))
+        said += self.got("sdcm")
+        self.assertEqual([record.word("id") for record in said], ["device attached", "device detached"])
+        self.assertEqual(said[0]["dev_type"], said[1]["dev_type"])
+        return said[0]["dev_type"]
 
     def test_phones_of_all_makes_are_told_apart(self):
         self.assertEqual(self.kind_of(0x05AC, 0x12A8, [board.Interface((6, 1, 1), 3)]), 6)
@@ -133,10 +151,7 @@ class Phones(Kinds):
         self.assertEqual(self.kind_of(0x0930, 0x6545, [board.Interface()]), 5)
 
     def test_hid_and_tty_of_a_phone_are_told_to_the_port_state(self):
-        phone = board.usb_device("1-1.2", 0x05AC, 0x12A8, [board.Interface((3, 0, 0), 1)])
-        hid = board.Node(board.interface_path("1-1.2") + "/0003:05AC:12A8.0001", "hid", dict(HID_ID="0003:05AC:12A8"))
-        tty = board.Node(board.interface_path("1-1.2") + "/tty/ttyACM0", "tty",
-                         dict(MAJOR=166, MINOR=0, DEVNAME="ttyACM0"))
+        phone, hid, tty = board.iphone("1-1.2"), board.hid("1-1.2"), board.tty("1-1.2")
         self.plug(phone + [hid, tty])
         self.expect_log("msgID:22 port:2", level=128)
         self.expect_log("msgID:24")
@@ -187,6 +202,8 @@ class Hubs(Kinds):
         self.expect("diag", HUB_STATUS_FAULTY, HUB_COMMUNICATION_FAULTY, HUB_NOT_SUPPORTED)
         self.expect_nothing("media", "sdcm")
         self.expect_log("reset hub")
+        self.expect_log("hub 5v off and on", level=128)
+        self.assertEqual(self.board.written(), [("hub_supply", "1"), ("hub_supply", "0")])
         self.plug(hub)
         self.expect("diag", HUB_STATUS_OK, HUB_COMMUNICATION_OK)
         self.unplug(hub)

@@ -203,6 +203,29 @@ class Settings(ServiceCase):
         self.change(USB_CERT, "00" * 16)
         self.expect_log("test_force_enable1:1>0 test_force_enable2:0>0 device_mode1:2>0 device_mode2:1>0")
 
+    def test_the_signal_test_of_the_engineering_menu_is_switched_at_its_port(self):
+        zeros = "00000000"
+        for value, switched in (("01000000" + zeros * 3, [("port_sel", "1"), ("testmode", "4")]),
+                                ("01000000" * 2 + zeros * 2, [("port_sel", "2"), ("testmode", "4")]),
+                                (zeros * 4, [("port_sel", "1"), ("testmode", "0"), ("port_sel", "2"),
+                                             ("testmode", "0")]),
+                                ("02000000" + zeros * 3, []), (zeros * 4, [])):
+            with self.subTest(value):
+                self.board.written()
+                self.change(USB_CERT, value)
+                self.settle_commands()
+                self.assertEqual(self.board.written(), switched)
+        self.assertIn("port1 STATE_DETACH trigger:1", self.service.texts())
+
+    def test_the_hub_mode_of_the_engineering_menu_needs_carplay(self):
+        self.board.written()
+        self.change(USB_CERT, "00" * 8 + "01000000" * 2)
+        self.expect_log("port1 STATE_DETACH, so can't change", level=128)
+        self.expect_log("port2 STATE_DETACH, so can't change", level=128)
+        self.change(USB_CERT, "00" * 16)
+        self.expect_log("port2 STATE_DETACH, so can't change")
+        self.assertEqual(self.board.written(), [])
+
     def test_a_name_that_is_not_ours_is_refused(self):
         self.send("settings", b"/data/sharedmemory/shm_radio\0")
         self.expect_log("unknown str:/data/sharedmemory/shm_radio", level=160)
@@ -268,7 +291,11 @@ class OtherMessages(ServiceCase):
                 ("diag", bytes.fromhex("83603180aa02"), "unknown diag packet cmd:83 subcmd:60,31 rdid:80,aa", 128),
                 ("diag", bytes.fromhex("0000000000"), "unknown diag packet cmd:0 subcmd:0,0 rdid:0,0", 128),
                 ("sdcm", usbrecords.message(19), "unknown msgID:19", 160),
+                ("sdcm", usbrecords.message(11), "unknown msgID:11", 160),
                 ("sdcm", usbrecords.message(31), "unknown msgID:31", 160),
+                ("sdcm", usbrecords.message(44), "unknown msgID:44", 160),
+                ("sdcm", usbrecords.message(48), "unknown msgID:48", 160),
+                ("sdcm", usbrecords.message(0x80000014), "unknown msgID:-2147483628", 160),
                 ("sdcm", b"x", "unknown msgID:0", 160),
                 ("settings", b"x", "unknown str:x", 160)):
             with self.subTest(f"{peer} {data.hex()}"):

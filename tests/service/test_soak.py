@@ -21,7 +21,9 @@ class Soak(ServiceCase):
     KEEP = staticmethod(worth_keeping)
     # Who may carry a stick; each has its own disk.
     STICKS = {"1-1.1": "sda", "1-1.2": "sdb", "1-1.1.2": "sdc", "1-1.2.3": "sdd"}
-    PLACES = ("1-1", "1-1.1", "1-1.2", "1-1.1.1", "1-1.1.2", "1-1.2.3", "1-1.2.4", "1-1.2.4.1")
+    PLACES = ("1-1.1", "1-1.2", "1-1.1.1", "1-1.1.2", "1-1.2.3", "1-1.2.4", "1-1.2.4.1")
+    VEHICLE_HUB = "1-1"
+    HUB_OFTEN = 0.005       # its removal costs the command frame half a second without power
 
     @classmethod
     def prepare(cls):
@@ -37,7 +39,7 @@ class Soak(ServiceCase):
 
     def some_device(self, place):
         """What somebody plugs there."""
-        if place == "1-1":
+        if place == self.VEHICLE_HUB:
             return board.vehicle_hub()
         kinds = [lambda: board.keyboard(place), lambda: board.hub(place),
                  lambda: board.usb_device(place, 0x0403, 0x6001, [board.Interface(VENDOR, 2)]),
@@ -66,7 +68,7 @@ class Soak(ServiceCase):
         """So many plugs and unplugs; what is plugged at the end."""
         plugged = {}
         for i in range(count):
-            place = self.chance.choice(self.PLACES)
+            place = self.VEHICLE_HUB if self.chance.random() < self.HUB_OFTEN else self.chance.choice(self.PLACES)
             if place not in plugged:
                 plugged[place] = self.some_device(place)
                 self.board.plug(plugged[place])

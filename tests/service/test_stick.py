@@ -3,7 +3,8 @@
 import os
 import time
 
-from bench import (DEVICE_LEFT, ServiceCase, board, device_came, main, storage, usbrecords, volumes)
+from bench import (DEVICE_LEFT, STORAGE_MODES, ServiceCase, board, device_came, event, main, storage, usbrecords,
+                   volumes)
 
 UUID = "11111111-2222-3333-4444-555555555555"
 UUID2 = "22222222-2222-3333-4444-555555555555"
@@ -58,13 +59,15 @@ class OneStick(Stick):
             with self.subTest(receiver):
                 self.expect(receiver, ejected)
 
-    def test_diagnosis_hears_of_the_device_and_nobody_else_of_anything(self):
+    def test_diagnosis_and_sdcm_hear_of_the_device_and_nobody_else_of_anything(self):
         stick = board.stick("1-1.1")
         self.plug(stick, sda1="stick")
         self.expect("diag", device_came(0x0951, 0x1666, board.STORAGE))
+        self.expect("sdcm", event(1, 5, stick[0], 1, 8, STORAGE_MODES))
         self.unplug(stick)
         self.expect("diag", DEVICE_LEFT)
-        self.expect_nothing("test", "voltage", "sdcm")
+        self.expect("sdcm", event(2, 5, stick[0], 1, 8, STORAGE_MODES))
+        self.expect_nothing("test", "voltage")
 
     def test_the_volume_is_readable_while_it_is_there_and_gone_afterwards(self):
         stick = board.stick("1-1.1")

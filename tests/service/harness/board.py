@@ -7,14 +7,20 @@ import os
 import shutil
 from dataclasses import dataclass, field
 
-from . import uevents
+from . import controls, uevents
 
 SYS = "/sys"
 CONTROLLER = "/devices/soc/7600000.hsusb/7600000.dwc3/xhci-hcd.0.auto"
 ROOT_HUB = CONTROLLER + "/usb1"
+PORT_STATUS = CONTROLLER + "/ka_hub_port_status"        # of the selected port: 1 connected, 0 not
+# What the service writes: Board.written().
+CONTROLS = {"port_sel": CONTROLLER + "/port_sel", "ka_hub_control": CONTROLLER + "/ka_hub_control",
+            "testmode": CONTROLLER + "/testmode", "hub_supply": "/class/gpio/gpio70/value",
+            "unbind": "/bus/usb/drivers/usb/unbind", "bind": "/bus/usb/drivers/usb/bind"}
 STORAGE = (8, 6, 0x50)
 HUB = (9, 0, 0)
 KEYBOARD = (3, 1, 1)
+VENDOR = (0xFF, 0, 0)
 
 
 @dataclass
@@ -65,7 +71,7 @@ def usb_device(place, vid, pid, interfaces=(Interface(),), serial="0123456789", 
                 DEVTYPE="usb_device", PRODUCT=product_key, TYPE="0/0/0", BUSNUM="001", DEVNUM=f"{_device_number:03d}")
     shown = {"idVendor": f"{vid:04x}", "idProduct": f"{pid:04x}", "bNumInterfaces": f"{len(interfaces):2d}",
              "manufacturer": manufacturer, "serial": serial, "product": product, "speed": speed, "power/level": power,
-             "busnum": "1", "devnum": str(_device_number)}
+             "busnum": "1", "devnum": str(_device_number), "remove": ""}
     shown.update(attributes or {})
     nodes = [Node(path, "usb", keys, shown)]
     for position, interface in enumerate(interfaces):
@@ -115,6 +121,45 @@ def stick(place="1-1.1", name="sda", partitions=("sda1",), announced=None, vid=0
     return usb_device(place, vid, pid, **device) + disk(place, name, partitions, announced)
 
 
+def phone(place="1-1.1", **device):
+    """An Android phone that offers storage; a network function beside it is `network`."""
+    device.setdefault("product", "Galaxy")
+    device.setdefault("manufacturer", "SAMSUNG")
+    device.setdefault("serial", "R58M1234567")
+    return usb_device(place, 0x04E8, 0x6860, **device)
+
+
+def accessory(place="1-1.1", pid=0x2D00, **device):
+    """The phone in accessory mode."""
+    device.setdefault("product", "Galaxy")
+    device.setdefault("manufacturer", "SAMSUNG")
+    device.setdefault("serial", "R58M1234567")
+    return usb_device(place, 0x18D1, pid, [Interface(VENDOR, 2)], **device)
+
+
+def mtp_player(place="1-1.1", **device):
+    return usb_device(place, 0x1234, 0x6860, [Interface((6, 1, 1), 3)], **device)
+
+
+def iphone(place="1-1.1", **device):
+    device.setdefault("product", "iPhone")
+    device.setdefault("manufacturer", "Apple Inc.")
+    device.setdefault("serial", "00008030001A2B3C")
+    return usb_device(place, 0x05AC, 0x12A8, [Interface((3, 0, 0), 1)], **device)
+
+
+def hid(place="1-1.1"):
+    return Node(interface_path(place) + "/0003:05AC:12A8.0001", "hid", dict(HID_ID="0003:05AC:12A8"))
+
+
+def tty(place="1-1.1", name="ttyACM0"):
+    return Node(f"{interface_path(place)}/tty/{name}", "tty", dict(MAJOR=166, MINOR=0, DEVNAME=name))
+
+
+def network(place="1-1.1", name="usb0"):
+    return Node(f"{interface_path(place)}/net/{name}", "net", dict(INTERFACE=name, IFINDEX=7))
+
+
 def keyboard(place="1-1.2", **device):
     device.setdefault("speed", "1.5")
     return usb_device(place, 0x046D, 0xC31C, [Interface(KEYBOARD, 1)], **device)
@@ -148,11 +193,22 @@ class Board:
         os.makedirs(SYS + ROOT_HUB + "/1-1/1-1:1.0")
         for port in (1, 2):
             self.write(ROOT_HUB + f"/1-1/1-1:1.0/1-1-port{port}/overcurrent", "0")
+        self.write(PORT_STATUS, "1")
+        self.controls = controls.Controls({name: SYS + path for name, path in CONTROLS.items()})
         if board_id is not None:
             self.write("/devices/soc/soc:common_gpio_default/board_id", board_id)
 
     def close(self):
         self.injector.close()
+        self.controls.close()
+
+    def written(self):
+        """(attribute, text) of what the service wrote to control hub and ports since the last call, in order."""
+        return self.controls.written()
+
+    def read(self, path):
+        with open(SYS + path) as file:
+            return file.read().strip()
 
     def write(self, path, text):
         """An attribute as the kernel shows it: text and a newline. Bytes are written as they are."""

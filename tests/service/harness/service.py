@@ -33,6 +33,7 @@ class Line:
     function: str = ""
     text: str = ""
     lost: int = 0
+    time: float = 0         # monotonic, in seconds
 
 
 def parse(raw):
@@ -40,7 +41,7 @@ def parse(raw):
     if not found:
         return Line(raw, text=raw)
     return Line(raw, int(found["level"]), f"{found['module']}.{found['submodule']}", int(found["thread"]),
-                f"{found['file']}:{found['line']}", found["function"], found["text"], int(found["lost"] or 0))
+                f"{found['file']}:{found['line']}", found["function"], found["text"], int(found["lost"] or 0), float(found["time"]))
 
 
 class Service:

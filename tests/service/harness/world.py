@@ -13,6 +13,7 @@ INSIDE = "USB_TEST_WORLD"           # set in the environment once we are inside
 BENCH = "/bench"                    # programs and images of the test
 OWN = {"dev", "proc", "sys", "tmp", "run", "data", "usr", "var", "bench", "lost+found"}   # not the machine's
 MOVED_PROGRAMS = "/usr/bin-of-the-machine"
+SHELL_SAYS = BENCH + "/shell.log"   # what the shells of commands complain about
 
 MS_RDONLY, MS_NOSUID, MS_REMOUNT, MS_BIND, MS_REC = 1, 2, 32, 4096, 16384
 
@@ -103,8 +104,29 @@ def build_programs(root):
     mount("/usr/bin", root + MOVED_PROGRAMS, flags=MS_BIND)
     os.mkdir(f"{root}/usr/bin")
     for name in os.listdir("/usr/bin"):
-        if name != "blkid2":
+        if name not in ("blkid2", "sh"):
             os.symlink(f"{MOVED_PROGRAMS}/{name}", f"{root}/usr/bin/{name}")
+    build_shell(f"{root}/usr/bin/sh")
+
+
+def build_shell(path):
+    """The machine's shell. Run for a command it writes its complaints into a file of their own: it writes them in
+    pieces, which in the service's standard error would come amid lines of the log."""
+    with open(path, "w") as file:
+        file.write(f"#!{MOVED_PROGRAMS}/sh\n"
+                   f'[ "$1" != -c ] || exec 2>>{SHELL_SAYS}\n'
+                   f'exec {MOVED_PROGRAMS}/sh "$@"\n')
+    os.chmod(path, 0o755)
+
+
+def shell_said():
+    """What shells complained about since the last call."""
+    if not os.path.exists(SHELL_SAYS):
+        return []
+    with open(SHELL_SAYS) as file:
+        said = file.read().splitlines()
+    os.unlink(SHELL_SAYS)
+    return said
 
 
 def build_devices(root):
