@@ -26,6 +26,7 @@ case $label in "" | vm) alive "kernel and libraries of the virtual head unit" to
 alive "service and tests for this machine" tools/build.sh test "${targets[@]}"
 case $label in "" | fuzz) alive "fuzz targets" tools/build.sh fuzz fuzz_tests ;; esac
 case $label in "" | vm)
+    alive "phones of the head unit" tools/build.sh native headunit_phone
     alive "service, agent and board for the head unit" tools/build.sh arm64 all
     alive "image of the head unit" tools/headunit/make-image.py
     ;;

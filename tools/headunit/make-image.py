@@ -3,7 +3,7 @@
 
     tools/headunit/make-image.py [--build build/arm64] [--output build/headunit]
 
-Needs what tools/fetch-guest.sh put into .cache, and the cross build in --build (its guest/agent, and
+Needs what tools/fetch-guest.sh put into .cache, and the cross build in --build (its guest/agent, guest/usbcontrol, and
 usbservice/usbservice when it exists: without it the guest boots, but has no service). Needs no root.
 """
 import argparse
@@ -186,7 +186,8 @@ class Archive:
 
 def write_image(path, release, modules, agent, service):
     arm64 = CACHE / "arm64"
-    programs = {"usr/bin/blkid2": arm64 / "usr/sbin/blkid", "usr/bin/agent": agent}
+    programs = {"usr/bin/blkid2": arm64 / "usr/sbin/blkid", "usr/bin/agent": agent,
+                "usr/bin/usbcontrol": agent.with_name("usbcontrol")}
     if service.exists():
         programs["usr/bin/usbservice"] = service
     archive = Archive(path)
@@ -229,8 +230,8 @@ def main():
         fail("nothing in .cache: run tools/fetch-guest.sh first")
     release = (CACHE / "kernel-release").read_text().strip()
     agent = arguments.build / "guest/agent"
-    if not agent.exists():
-        fail(f"no {agent}: make the cross build first")
+    if not (agent.exists() and agent.with_name("usbcontrol").exists()):
+        fail(f"no programs in {agent.parent}: make the cross build first")
 
     output = arguments.output.resolve()
     output.mkdir(parents=True, exist_ok=True)

@@ -16,6 +16,12 @@ void board_controller_sees_bus(struct bus_type *bus);
 int board_identity_init(void);
 void board_identity_exit(void);
 
+/* power.c: the power of the hub's ports, and the GPIO of its supply. */
+int board_power_init(struct device *gpio);
+void board_power_exit(void);
+int board_port_power(int port, bool on);
+void board_power_ports_appeared(void);
+
 /* disk.c: the attribute "disk_partno" of USB disks. */
 int board_disk_init(void);
 void board_disk_exit(void);

@@ -4,7 +4,8 @@
  * the PCI function (xhci-pci must not be loaded) and hands its registers and its interrupt to xhci-plat-hcd.
  *
  * Below the controller are the attributes of the board's USB host driver. What is read there is set by the module's
- * parameters; what is written there is remembered and logged ("headunit_board: port_sel <- 1").
+ * parameters; what is written there is remembered and logged ("headunit_board: port_sel <- 1"). Of ka_hub_control,
+ * 3 cuts the power of the selected port and 4 restores it; the roles 1 (host) and 2 (device) change nothing.
  */
 #include <linux/dma-mapping.h>
 #include <linux/module.h>
@@ -41,6 +42,9 @@ static ssize_t remember(const char *name, int *number, const char *buf, size_t c
 	return count;
 }
 
+#define HUB_OFF 3
+#define HUB_ON 4
+
 #define BOARD_WRITTEN(_name, _number)                                                                  \
 	static ssize_t _name##_store(struct device *dev, struct device_attribute *attr, const char *buf,  \
 				     size_t count)                                                        \
@@ -72,7 +76,17 @@ BOARD_WRITTEN(port_sel, port_sel)
 BOARD_SHOWN(port_sel, port_sel)
 static DEVICE_ATTR_RW(port_sel);
 
-BOARD_WRITTEN(ka_hub_control, hub_control)
+static ssize_t ka_hub_control_store(struct device *dev, struct device_attribute *attr, const char *buf, size_t count)
+{
+	ssize_t result = remember("ka_hub_control", &hub_control, buf, count);
+	int error = 0;
+
+	if (result < 0)
+		return result;
+	if (hub_control == HUB_OFF || hub_control == HUB_ON)
+		error = board_port_power(port_sel, hub_control == HUB_ON);
+	return error ? error : result;
+}
 BOARD_SHOWN(ka_hub_control, hub_control)
 static DEVICE_ATTR_RW(ka_hub_control);
 
@@ -125,8 +139,10 @@ static int add_overcurrent(struct device *port, void *unused)
 
 void board_ports_appeared(struct device *hub_interface)
 {
-	if (strcmp(dev_name(hub_interface), "1-1:1.0") == 0)
-		device_for_each_child(hub_interface, NULL, add_overcurrent);
+	if (strcmp(dev_name(hub_interface), "1-1:1.0") != 0)
+		return;
+	device_for_each_child(hub_interface, NULL, add_overcurrent);
+	board_power_ports_appeared();
 }
 
 void board_controller_sees_bus(struct bus_type *bus)

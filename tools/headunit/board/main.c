@@ -89,12 +89,17 @@ static int __init board_init(void)
 	error = board_disk_init();
 	if (error)
 		goto no_disk;
+	error = board_power_init(gpio);
+	if (error)
+		goto no_power;
 	error = board_controller_init(dwc3);
 	if (error)
 		goto no_controller;
 	return 0;
 
 no_controller:
+	board_power_exit();
+no_power:
 	board_disk_exit();
 no_disk:
 	board_identity_exit();
@@ -107,6 +112,7 @@ module_init(board_init);
 static void __exit board_exit(void)
 {
 	board_controller_exit();
+	board_power_exit();
 	board_disk_exit();
 	board_identity_exit();
 	board_remove_places();

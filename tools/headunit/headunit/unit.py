@@ -495,6 +495,19 @@ class HeadUnit:
         return self._until(lambda: _first(one for one in self._board if one[0] >= since and one[1] == text), timeout,
                            f"the board's line {text!r}")
 
+    def hub_control(self, number, what):
+        """As the service does it. what: 3 cuts the power of the hub's port, 4 restores it; 1 and 2 change its role."""
+        self.run(f"echo {number} > {CONTROLLER}/port_sel && echo {what} > {CONTROLLER}/ka_hub_control")
+
+    def restore_power(self):
+        """Of the hub and of all its ports."""
+        self.run("echo 0 > /sys/class/gpio/gpio70/value")
+        for port in sorted(self._dark):
+            self.hub_control(int(port.split(".")[1]), 4)
+        with self._changed:
+            if not self._changed.wait_for(lambda: not self._dark, 20):
+                raise HeadUnitError(f"no power at {self._dark}" + self._heard())
+
     def configure(self, port, number):
         """Chooses another configuration of a device: an iPhone's second one brings its modem."""
         self.run(f"echo {number} > {self.usb_path(port)}/bConfigurationValue")
@@ -520,12 +533,14 @@ class HeadUnit:
             self.plug("1", self.vehicle_hub)
             self.wait_path(f"{CONTROLLER}/usb1/1-1/1-1:1.0")
         self.wait_no(f"{CONTROLLER}/usb1/1-1/1-1.* /sys/block/sd*")
+        self.restore_power()
         self.run(f"cd {BOARD} && echo - > rewrite && echo 0 > disk_partno && echo 0 > overcurrent && "
                  "echo 1 > temperature && echo 240 > diag_result && "
                  "echo 0 > /sys/module/block/parameters/events_dfl_poll_msecs")
         with self._changed:
             self._records.clear()
             self._logs.clear()
+            self._board.clear()
             self._errors.clear()
             self._starts.clear()
             self._service_end = None
