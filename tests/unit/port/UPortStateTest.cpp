@@ -11,6 +11,14 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using namespace dcm::usb;
 
+// A private code that no probe sets to "already in accessory mode".
+std::uint32_t& CarLifeCodeOf(dcm::usb::UPortState& state);
+template <std::uint32_t dcm::usb::UPortState::*member>
+struct Opened {
+    friend std::uint32_t& CarLifeCodeOf(dcm::usb::UPortState& state) { return state.*member; }
+};
+template struct Opened<&dcm::usb::UPortState::m_cl_capa>;
+
 constexpr E_CON_STATE kAllStates[] = {
     STATE_DETACH,       STATE_ATTACH,       STATE_CP_SUPPORT,   STATE_AA_CHANGING,
     STATE_ML_CHANGING,  STATE_CP_CHANGING,  STATE_CL_CHANGING,  STATE_RESETTING,
@@ -376,6 +384,15 @@ TEST_F(UPortState, APhoneThatIsAlreadyAnAccessoryGoesStraightToAndroidAuto) {
     EXPECT_THAT(Deeds(), IsEmpty());
     EXPECT_THAT(DrainSdcm(),
                 ElementsAre("1 port 2 type 9 18d1:2d05 class ff speed 3 capa 3,1,2,2 S1 Phone Maker "
+                            "/devices/usb1/1-1/1-1.2"));
+}
+
+TEST_F(UPortState, AnAccessoryOfCarLifeGoesStraightToCarLife) {
+    CarLifeCodeOf(State()) = CAPA_ACCESSORY;
+    Add(OfType(DEV_TYPE_NONE));  // not probed: the codes stay
+    EXPECT_EQ(State().GetState(), STATE_CL);
+    EXPECT_THAT(DrainSdcm(),
+                ElementsAre("1 port 2 type 0 04e8:6860 class ff speed 3 capa 0,0,0,3 S1 Phone Maker "
                             "/devices/usb1/1-1/1-1.2"));
 }
 
