@@ -12,7 +12,8 @@
 """
 import re
 
-from road import RoadTest, to
+from road import (APPLE, CONTROLLER, HUB_FAULTY, HUB_NOT_SUPPORTED, NOT_SUPPORTED, Plugged, RoadTest, SCAN,
+                  START_REPORTS, SUPPORTED, to)
 import usbrecords
 
 # Requests of SDCM, and the answer's id.
@@ -22,6 +23,12 @@ DONE, FAILED = 0, 1
 SEARCH = 18
 
 DEVID = "SDCM's name of it"
+
+# --- phones as they show themselves ---
+# Phone("iphone"), which knows CarPlay.
+IPHONE = Plugged(port=2, vid=0x05AC, pid=0x12A8, dev_type=APPLE, interface=(3, 0, 0),
+                 serial="00008030001A2B3C4D5E6F70", product="iPhone", manufacturer="Apple Inc.",
+                 capability=(NOT_SUPPORTED, NOT_SUPPORTED, SUPPORTED, NOT_SUPPORTED))
 
 # --- transfers, as Transfer.setup has them: type, request, value, index, data ---
 TO_PHONE, FROM_PHONE = 0x40, 0xC0
@@ -65,6 +72,21 @@ def answered(request, device, result=DONE, devid=DEVID, **changes):
 
 
 class PhoneRoad(RoadTest):
+    def start_without_two_port_hub(self):
+        """The vehicle's hub is one that nobody knows: ports keep their numbers, but their power cannot be cut."""
+        self.unit.rewrite("1", "1d6b:0002")
+        self._plug_hub_again()
+        self.addCleanup(self._plug_hub_again)
+        self.addCleanup(self.unit.forget_rewrites)
+        self.start(START_REPORTS, SCAN, HUB_NOT_SUPPORTED, HUB_FAULTY)
+
+    def _plug_hub_again(self):
+        folder = f"/sys{CONTROLLER}/usb1/1-1"
+        self.unit.unplug(self.unit.vehicle_hub)
+        self.unit.wait_path(folder, present=False)
+        self.unit.plug("1", self.unit.vehicle_hub)
+        self.unit.wait_path(f"{folder}/1-1:1.0")
+
     def ask(self, request, device, devid=DEVID, **changes):
         """SDCM asks for a mode of that device."""
         fields = {"port": device.port, "vid": device.vid, "pid": device.pid, "serial": device.serial,
