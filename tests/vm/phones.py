@@ -109,3 +109,9 @@ class PhoneRoad(RoadTest):
     def went(self, port, *states, since=None):
         """Through exactly these states, in the last step or since a place in the stream."""
         self.assertEqual(self.states(port, self._step if since is None else since), list(states), self.heard())
+
+    def timers(self, since=None):
+        """What the port's state armed (True) and cancelled (False), with the port: [("PushCutting", True, 2), ...]"""
+        found = [re.search(r"(Push\w+): isAdd:(\d) port:(\d+)$", one.text)
+                 for one in self.unit.logs(self._step if since is None else since)]
+        return [(one[1], one[2] == "1", int(one[3])) for one in found if one]
