@@ -99,6 +99,8 @@ std::string InWords(const Transfer& transfer) {
 }
 
 test::Answer AnswerOf(const Device& device, const Transfer& transfer) {
+    const std::vector<Saying>& before = said[{TO_DEVICE, UnitPort(device.port())}];
+    const bool again = !before.empty() && before.back().text == InWords(transfer);
     Say(TO_DEVICE, device.port(), {InWords(transfer), {}});
     const Answers& answers = device.answers;
     switch (transfer.request) {
@@ -121,7 +123,7 @@ test::Answer AnswerOf(const Device& device, const Transfer& transfer) {
                           static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)});
         }
         case 240:
-            return {answers.mirrorlink, {}};
+            return {again ? answers.mirrorlink_again : answers.mirrorlink, {}};
     }
     return Stall();
 }

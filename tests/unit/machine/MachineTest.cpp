@@ -16,7 +16,7 @@
 namespace test {
 namespace {
 
-constexpr std::uint64_t kSeed = 2;
+constexpr std::uint64_t kSeed = 5;
 constexpr unsigned kSteps = 10000;
 constexpr unsigned kStepsOfALife = 500;  // after which the service starts anew, with the other hub
 constexpr std::size_t kStepsShown = 20;
@@ -32,6 +32,7 @@ const std::vector<std::pair<E_STATE, std::string>> kRoads = {
     {ATTACH, "remove"},
     {ATTACH, "hid add"},
     {ATTACH, "poll"},
+    {ATTACH, "five polls in vain"},
     {ATTACH, "request 12"},
     {ATTACH, "request 13"},
     {ATTACH, "request 15"},

@@ -412,9 +412,9 @@ void Model::MirrorLink(Port& port, const Request& request) {
         return;
     }
     const unsigned libusb_port = PhonePort(port.number);
-    int result = StartMirrorLink(request.vid, request.pid, libusb_port);
+    int result = StartMirrorLink(request.vid, request.pid, libusb_port, false);
     if (request.vid == 0x0525 && request.pid == 0xa4a0)
-        result = StartMirrorLink(request.vid, request.pid, libusb_port);
+        result = StartMirrorLink(request.vid, request.pid, libusb_port, true);
     if (result == 0) {
         Arm(39, request.port);
         port.devid = request.devid;
@@ -551,7 +551,11 @@ void Model::TimePasses(std::int64_t nanoseconds) {
         if (item.kind == CUTTING) Deferred(port, item.node);
         if (item.kind == CH_TIMEOUT) ChTimeout(port);
         if (item.kind == CARPLAY_TIMEOUT) CarplayTimeout(port);
-        if (item.kind == CARPLAY_CAPA) Poll(port);
+        if (item.kind != CARPLAY_CAPA) continue;
+        Poll(port);
+        if (item.polls < 4 || port.state != ATTACH) continue;
+        Meet(port, "five polls in vain");
+        ++m_polls_in_vain;
     }
 }
 
@@ -662,11 +666,11 @@ unsigned Model::AskCarPlay(unsigned vid, unsigned pid, unsigned libusb_port) {
     return device->answers.cp_capability == 1 ? 1 : 2;
 }
 
-int Model::StartMirrorLink(unsigned vid, unsigned pid, unsigned libusb_port) {
+int Model::StartMirrorLink(unsigned vid, unsigned pid, unsigned libusb_port, bool again) {
     const Device* device = Open(vid, pid, libusb_port);
     if (!device) return -1;
     Transfer(*device, "240");
-    return device->answers.mirrorlink;
+    return again ? device->answers.mirrorlink_again : device->answers.mirrorlink;
 }
 
 int Model::ResetPort(unsigned vid, unsigned pid, unsigned unit_port) {
@@ -845,6 +849,11 @@ std::optional<std::int64_t> Model::UntilNextTimer() const {
         if (!next || left < *next) next = left;
     }
     return next;
+}
+
+bool Model::IsPolling() const {
+    return std::any_of(m_items.begin(), m_items.end(),
+                       [](const Item& item) { return item.kind == CARPLAY_CAPA; });
 }
 
 std::string Model::Items() const {

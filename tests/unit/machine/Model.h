@@ -111,7 +111,9 @@ public:
     E_STATE StateOf(unsigned port) const;
     bool IsTtyAttached(unsigned port) const;
     std::optional<std::int64_t> UntilNextTimer() const;  // nanoseconds
-    std::string Items() const;                           // what is armed, in words
+    bool IsPolling() const;
+    unsigned PollsInVain() const { return m_polls_in_vain; }  // series of five that ended
+    std::string Items() const;                                // what is armed, in words
 
     // Pairs of state and event that were met.
     const std::set<std::pair<E_STATE, std::string>>& Met() const { return m_met; }
@@ -176,7 +178,7 @@ private:
     int StartAccessory(unsigned vid, unsigned pid, unsigned libusb_port, bool carlife);
     unsigned AskProtocol(unsigned vid, unsigned pid, unsigned libusb_port);
     unsigned AskCarPlay(unsigned vid, unsigned pid, unsigned libusb_port);
-    int StartMirrorLink(unsigned vid, unsigned pid, unsigned libusb_port);
+    int StartMirrorLink(unsigned vid, unsigned pid, unsigned libusb_port, bool again);
     int ResetPort(unsigned vid, unsigned pid, unsigned unit_port);
     int ResetMirrorLinkPort(unsigned unit_port);
     int Control(unsigned mode, unsigned unit_port);
@@ -208,6 +210,7 @@ private:
     unsigned m_carplay_port = 0;
     std::vector<Item> m_items;
     std::int64_t m_now = 0;
+    unsigned m_polls_in_vain = 0;
     Switches m_switches;
     Coding m_coding;
     Said m_said;

@@ -41,6 +41,8 @@ Step Script::Next() {
     Step step;
     step.passes = m_lot.Below(4);
     Faults(step);
+    if (PollsEnd(step)) return step;
+    if (m_model.IsPolling() && m_lot.Percent(40) && TimeMoves(step)) return step;
     const unsigned chance = m_lot.Below(100);
     if (chance < 14 && TimeMoves(step)) return step;
     if (chance < 26 && Tty(step)) return step;
@@ -116,6 +118,16 @@ bool Script::TimeMoves(Step& step) {
     step.time = std::max<std::int64_t>(step.time, 1);
     step.text += Format("%lld.%06lld ms pass", static_cast<long long>(step.time / kMillisecond),
                         static_cast<long long>(step.time % kMillisecond));
+    m_model.TimePasses(step.time);
+    return true;
+}
+
+// After the last poll there is none.
+bool Script::PollsEnd(Step& step) {
+    if (m_polls_in_vain == m_model.PollsInVain()) return false;
+    m_polls_in_vain = m_model.PollsInVain();
+    step.time = 6000 * kMillisecond;
+    step.text += "6000 ms pass";
     m_model.TimePasses(step.time);
     return true;
 }
@@ -252,8 +264,10 @@ Device Script::Returned(E_PLACE place) {
 Answers Script::DrawAnswers() {
     Answers answers;
     answers.cp_capability = m_lot.OneOf<unsigned>({0, 1, 1, 1, 2, 2, 0x01000001});
+    if (m_lot.Percent(15)) answers.mirrorlink = m_lot.OneOf<int>({-9, -7, 1});
+    if (m_lot.Percent(15)) answers.mirrorlink_again = m_lot.OneOf<int>({-9, -7, 1});
     if (m_lot.Percent(75)) return answers;
-    switch (m_lot.Below(9)) {
+    switch (m_lot.Below(8)) {
         case 0:
             answers.opens = false;
             break;
@@ -276,9 +290,6 @@ Answers Script::DrawAnswers() {
             answers.cp_bytes = -7;
             break;
         case 7:
-            answers.mirrorlink = m_lot.OneOf<int>({-9, -7, 1});
-            break;
-        case 8:
             answers.reset = m_lot.OneOf<int>({-5, -4, -1});
             break;
     }

@@ -57,6 +57,7 @@ private:
     void Join(Step& step, Part part);
 
     bool TimeMoves(Step& step);
+    bool PollsEnd(Step& step);
     bool Tty(Step& step);
     bool Search(Step& step);
     bool Menu(Step& step);
@@ -86,6 +87,7 @@ private:
     Switches m_switches;
     Coding m_coding;
     unsigned m_requests = 0;
+    unsigned m_polls_in_vain = 0;
     bool m_both_ports = false;  // something happens on both in this step
 };
 

@@ -61,8 +61,9 @@ struct Answers {
     int start = 0;            // result of the start of accessory mode
     int cp_bytes = 4;         // of the CarPlay capability; negative: error of the transfer
     unsigned cp_capability = 2;
-    int mirrorlink = 0;  // result of MirrorLink's command
-    int reset = 0;       // result of a reset of the device
+    int mirrorlink = 0;        // result of MirrorLink's command
+    int mirrorlink_again = 0;  // of the same, when it comes twice
+    int reset = 0;             // result of a reset of the device
 };
 
 struct Device {
