@@ -12,10 +12,6 @@ namespace {
 
 const std::string kHostPorts = "/devices/platform/17300000.usb/17300000.dwc3/xhci-hcd.4.auto/usb1/1-1";
 
-const char* StateName(E_CON_STATE state) {
-    return UPortState::kStateName[state];
-}
-
 std::string Codes(const Expected& e) {
     return Format("%d,%d,%d,%d", e.capa[0], e.capa[1], e.capa[2], e.capa[3]);
 }
@@ -103,6 +99,15 @@ int NumberBehind(const std::string& word) {
 }
 
 }  // namespace
+
+const char* StateName(E_CON_STATE state) {
+    static const char* const kNames[] = {
+        "STATE_DETACH",       "STATE_ATTACH",       "STATE_CP_SUPPORT",   "STATE_AA_CHANGING",
+        "STATE_ML_CHANGING",  "STATE_CP_CHANGING",  "STATE_CL_CHANGING",  "STATE_RESETTING",
+        "STATE_AA",           "STATE_ML",           "STATE_CP",           "STATE_CL",
+        "STATE_AA_RESETTING", "STATE_ML_RESETTING", "STATE_CP_RESETTING", "STATE_CL_RESETTING"};
+    return kNames[state];
+}
 
 Step All(Steps steps) {
     return [steps](Expected& e) {

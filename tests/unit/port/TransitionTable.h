@@ -72,6 +72,9 @@ struct Event {
     Rows rows = {};
 };
 
+// As log lines name it.
+const char* StateName(dcm::usb::E_CON_STATE state);
+
 // --- steps ---
 
 Step All(Steps steps);  // one after the other

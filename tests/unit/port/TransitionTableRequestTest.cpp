@@ -34,12 +34,10 @@ const States kNoReset = {STATE_DETACH,       STATE_ATTACH,      STATE_CP_SUPPORT
                          STATE_CP_RESETTING, STATE_CL_RESETTING};
 
 Step Refuse(int id) {
-    return All({Enter(),
-                [](Expected& e) {
-                    Say(160,
-                        Format("port%d %s, so can't change", e.port, UPortState::kStateName[e.state]))(e);
-                },
-                TellAsked(id, 1)});
+    return All(
+        {Enter(),
+         [](Expected& e) { Say(160, Format("port%d %s, so can't change", e.port, StateName(e.state)))(e); },
+         TellAsked(id, 1)});
 }
 
 Step LookFor(const std::vector<E_DEV_TYPE>& types) {
@@ -101,6 +99,7 @@ std::vector<Outcome> AccessoryOutcomes(const char* operation, int id, E_CON_STAT
     const Step already = All({ToAsked(operation), TellAsked(id, 0), Go(mode)});
     const Step failed = All({ToAsked(operation), TellAsked(id, 1)});
     const Phone galaxy = WithIds(Android(), 0x04e8, 0x6861);
+    const Phone other_maker = WithIds(Android(), 0x0bb4, 0x0c02);
     return {
         {"no node", Android(), Android(), {}, {}, false, {kLookForMtp, kNoAndroid, TellAsked(id, 1)}},
         {"no node but an Apple phone's",
@@ -135,8 +134,8 @@ std::vector<Outcome> AccessoryOutcomes(const char* operation, int id, E_CON_STAT
         {"starts an MTP device", Mtp(), Mtp(), {Mtp()}, {{operation, {0}}}, false, {kLookForMtp, started}},
         {"starts another phone than the one that came",
          Android(),
-         galaxy,
-         {galaxy},
+         other_maker,
+         {other_maker},
          {{operation, {0}}},
          false,
          {kLookForPhone, started}},
@@ -411,9 +410,7 @@ struct Resets {
 
 const Step kResetRefused =
     All({Enter(),
-         [](Expected& e) {
-             Say(160, Format("port%d %s, so can't reset", e.port, UPortState::kStateName[e.state]))(e);
-         },
+         [](Expected& e) { Say(160, Format("port%d %s, so can't reset", e.port, StateName(e.state)))(e); },
          TellAsked(10, 1)});
 
 Event Reset(const std::string& name, const Phone& stored, const Phone& asked, const std::vector<Phone>& nodes,
@@ -499,7 +496,7 @@ TEST_F(TransitionTable, AResetIsAskedFor) {
     events.push_back(Reset("a device of no type", Other(), Other(), {}, {},
                            {carplay, missing, ml_missing, {refused}, {refused}}));
     events.push_back(Reset("an Apple phone with other ids than the stored one", Apple(),
-                           WithIds(Apple(), 0x05ac, 0x12a9), {}, {},
+                           WithIds(Apple(), 0x05ad, 0x12a9), {}, {},
                            {carplay, missing, ml_missing, apple_carlife, apple_carlife}));
     for (const Phone& phone : {Apple(), Shuttle()}) {
         events.push_back(Reset("an Apple phone", phone, phone, {phone}, {},
@@ -645,16 +642,16 @@ TEST_F(TransitionTable, TheCapabilityIsPolled) {
 TEST_F(TransitionTable, TheSignalIsTested) {
     std::vector<Event> events;
     for (const bool on : {false, true}) {
-        events.push_back({.name = on ? "signal test on" : "signal test off",
-                          .results = {{"StartEyePattern", {-1}}},
-                          .happen = [on](UPortState& state, const Event&,
-                                         unsigned char) { state.ProcessTestForceEnable(on); },
-                          .rows = {{kAllStates,
-                                    {[on](Expected& e) {
-                                         Say(128, Format("port%d %s trigger:%d", e.port,
-                                                         UPortState::kStateName[e.state], on))(e);
-                                     },
-                                     OnUnitPort("StartEyePattern", on ? " on" : " off")}}}});
+        events.push_back(
+            {.name = on ? "signal test on" : "signal test off",
+             .results = {{"StartEyePattern", {-1}}},
+             .happen = [on](UPortState& state, const Event&,
+                            unsigned char) { state.ProcessTestForceEnable(on); },
+             .rows = {{kAllStates,
+                       {[on](Expected& e) {
+                            Say(128, Format("port%d %s trigger:%d", e.port, StateName(e.state), on))(e);
+                        },
+                        OnUnitPort("StartEyePattern", on ? " on" : " off")}}}});
     }
     Run(events);
 }
@@ -673,13 +670,11 @@ TEST_F(TransitionTable, TheHubModeIsChanged) {
              .rows = {
                  {{STATE_CP},
                   {[mode](Expected& e) {
-                       Say(128,
-                           Format("port%d %s mode:%d", e.port, UPortState::kStateName[e.state], mode))(e);
+                       Say(128, Format("port%d %s mode:%d", e.port, StateName(e.state), mode))(e);
                    },
                    OnUnitPort("StartHubMode", Format(" mode %d", mode))}},
                  {elsewhere, {[](Expected& e) {
-                      Say(128,
-                          Format("port%d %s, so can't change", e.port, UPortState::kStateName[e.state]))(e);
+                      Say(128, Format("port%d %s, so can't change", e.port, StateName(e.state)))(e);
                   }}},
              }});
     }
