@@ -10,10 +10,11 @@
             self.went(2, "STATE_ATTACH", "STATE_AA_CHANGING", "STATE_AA")
             self.assertEqual(saw(phone), [PROTOCOL] + START_AA)
 """
+import dataclasses
 import re
 
-from road import (APPLE, CONTROLLER, HUB_FAULTY, HUB_NOT_SUPPORTED, NOT_SUPPORTED, Plugged, RoadTest, SCAN,
-                  START_REPORTS, SUPPORTED, to)
+from road import (APPLE, CONTROLLER, DETACHED, HUB_FAULTY, HUB_NOT_SUPPORTED, NOT_SUPPORTED, PHONE, Plugged, RoadTest,
+                  SCAN, START_REPORTS, SUPPORTED, event_told, to, together)
 import usbrecords
 
 # Requests of SDCM, and the answer's id.
@@ -25,10 +26,21 @@ SEARCH = 18
 DEVID = "SDCM's name of it"
 
 # --- phones as they show themselves ---
+# Phone("android"), attached as a phone.
+ANDROID = Plugged(port=2, vid=0x18D1, pid=0x4EE7, dev_type=PHONE, interface=(0xFF, 0x42, 0x01),
+                  serial="0123456789ABCDEF", product="Nexus", manufacturer="Google",
+                  capability=(SUPPORTED, SUPPORTED, NOT_SUPPORTED, NOT_SUPPORTED))
 # Phone("iphone"), which knows CarPlay.
 IPHONE = Plugged(port=2, vid=0x05AC, pid=0x12A8, dev_type=APPLE, interface=(3, 0, 0),
                  serial="00008030001A2B3C4D5E6F70", product="iPhone", manufacturer="Apple Inc.",
                  capability=(NOT_SUPPORTED, NOT_SUPPORTED, SUPPORTED, NOT_SUPPORTED))
+
+
+
+def as_accessory(device):
+    """The same Android phone after it has switched. What it can do was found out before and is kept."""
+    return dataclasses.replace(device, pid=0x2D00, interface=(0xFF, 0xFF, 0x00))
+
 
 # --- transfers, as Transfer.setup has them: type, request, value, index, data ---
 TO_PHONE, FROM_PHONE = 0x40, 0xC0
@@ -69,6 +81,11 @@ def answered(request, device, result=DONE, devid=DEVID, **changes):
     fields = {"port": device.port, "vid": device.vid, "pid": device.pid, "serial": device.serial,
               "devpath": device.devpath, "devid": devid} | changes
     return to(["sdcm"], "mode_result", id=ANSWER[request], result=result, **fields)
+
+
+def pulled_in_mode(device):
+    """A device is gone that was in a projection mode: unlike SDCM, media is not told."""
+    return together(left_the_bus(), event_told(device, DETACHED))
 
 
 class PhoneRoad(RoadTest):
