@@ -32,6 +32,7 @@ import threading
 from typing import NamedTuple
 
 from .devices import Device
+from .qmp import QmpError
 from .unit import ROOT, HeadUnitError
 
 DESCRIPTIONS = pathlib.Path(__file__).resolve().parents[1] / "phones"
@@ -137,11 +138,11 @@ class Phone(Device):
 
     def _before(self, qmp):
         self.properties["chardev"] = f"{self.id}-bus"
+        self._start()
         try:
-            self._start()
             qmp.call("chardev-add", id=self.properties["chardev"], backend={"type": "socket", "data": {
                 "addr": {"type": "unix", "data": {"path": str(self._folder / "bus")}}, "server": False}})
-        except BaseException:
+        except QmpError:
             self.end()
             raise
 
@@ -163,9 +164,13 @@ class Phone(Device):
                                          stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         self._reader = threading.Thread(target=self._read, args=(self._program.stdout,), name=self.id, daemon=True)
         self._reader.start()
-        self.wait("listening", since=begin)
-        if not self._powered:
-            self._tell("cut")
+        try:
+            self.wait("listening", since=begin)
+            if not self._powered:
+                self._tell("cut")
+        except HeadUnitError:
+            self.end()
+            raise
 
     def end(self):
         """Ends the program, be it that the machine is gone."""
