@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """What is plugged is told apart, and each kind is reported to those whom it concerns."""
 from bench import (DEVICE_LEFT, HUB_COMMUNICATION_FAULTY, HUB_COMMUNICATION_OK, HUB_NOT_SUPPORTED, HUB_STATUS_FAULTY,
-                   HUB_STATUS_OK, HUB_SUPPORTED, ServiceCase, board, device, device_came, main, usbrecords, volumes, world)
+                   HUB_STATUS_OK, HUB_SUPPORTED, ServiceCase, board, device, device_came, main, usbrecords, volumes,
+                   world)
 
 VENDOR = board.VENDOR
 

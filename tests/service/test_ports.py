@@ -5,8 +5,8 @@ No device here has a file in /dev, so the service can ask no phone anything: it 
 those of a phone that does not answer."""
 import re
 
-from bench import (ACCESSORY_MODES, APPLE_MODES, PHONE_MODES, STORAGE_MODES, ServiceCase, board, device, event, main,
-                   request, result, usbrecords, volumes)
+from bench import (ACCESSORY_MODES, APPLE_MODES, PHONE_MODES, STORAGE_MODES, ServiceCase, board, device, event, ids,
+                   main, request, result, usbrecords, volumes)
 
 ATTACHED, DETACHED = 1, 2
 AA, ML, CP, ACL, ICL, RESET = 12, 13, 14, 15, 16, 17
@@ -58,19 +58,11 @@ class Ports(ServiceCase):
         self.board.unplug(nodes)
         self.settle()
 
-    def ask(self, request, timeout=10):
+    def ask(self, asked):
         """Marks, sends as SDCM, and waits until it is worked off."""
         self.mark()
-        self.send("sdcm", request)
-        self.settle_commands_of_sdcm(timeout)
-        self.peers.quiet()
-
-    def settle_commands_of_sdcm(self, timeout):
-        """As `settle_commands`, behind what SDCM sent: only records of one sender keep their order."""
-        type(self).barriers = barriers = getattr(type(self), "barriers", 0) + 1
-        token = 0x40000000 + barriers
-        self.send("sdcm", usbrecords.message(token))
-        self.expect_log(f"unknown msgID:{token}", timeout)
+        self.send("sdcm", asked)
+        self.settle_requests()
 
     def expect_result(self, asked, outcome, **other):
         id = usbrecords.parse("mode_request", asked)["id"]
@@ -245,9 +237,18 @@ class BeforeAnyDevice(Ports):
                 self.expect_log("port_state is null", level=192)
                 self.expect_nothing("sdcm", "media")
         self.ask(SEARCH)
-        self.assertEqual([line.level for line in self.service.since(self.log_from) if line.text == "port_state is null"],
-                         [160, 160])
+        levels = [line.level for line in self.service.since(self.log_from) if line.text == "port_state is null"]
+        self.assertEqual(levels, [160, 160])
         self.expect_nothing("sdcm", "media")
+
+    def test_serial_functions_belong_to_the_port_of_carplay_which_never_ran(self):
+        tty = board.tty("1-1.1")
+        self.plug([tty])
+        self.expect_log("port0 is invalid", level=192)
+        self.mark()
+        self.board.tell("change", tty)
+        self.settle()
+        self.expect_log("port0 is invalid")
 
     def test_a_request_that_names_no_port_is_not_answered(self):
         phone = board.phone("1-1.1")
@@ -400,6 +401,36 @@ class Modes(Ports):
         self.assertEqual(self.board.read(phone[0].devpath + "/remove"), "1")
         self.assertEqual(self.board.written(), [])
         self.assert_state("STATE_AA")
+
+    def test_a_deferred_removal_counts_when_the_port_is_empty(self):
+        self.addCleanup(self.board.write, board.PORT_STATUS, "1")
+        for make, dev_type, usb_class, modes, network in (
+                (board.phone, PHONE, 8, PHONE_MODES, False), (board.accessory, PHONE, 0xFF, ACCESSORY_MODES, False),
+                (board.mtp_player, MTP, 6, PHONE_MODES, True)):
+            with self.subTest(make.__name__):
+                phone = self.plug(make())
+                if network:
+                    self.unplug(self.start_mirrorlink(phone))
+                state = self.state(1)
+                shown = phone[0].attributes
+                left = usbrecords.node_message(
+                    21, sender=4, port=1, dev_type=dev_type, vid=ids(phone[0])[0], pid=ids(phone[0])[1], speed=2,
+                    usb_class=usb_class, serial=shown["serial"], product=shown["product"],
+                    manufacturer=shown["manufacturer"], devpath=phone[0].devpath)
+                self.board.written()
+                for status in ("1", "2", "ff"):
+                    self.board.write(board.PORT_STATUS, status)
+                    self.ask(left)
+                    self.expect_log(f"port1 1 {state}")
+                    self.expect_nothing("sdcm", "media")
+                    self.assert_state(state)
+                self.board.write(board.PORT_STATUS, "0")
+                self.ask(left)
+                self.expect("sdcm", event(DETACHED, dev_type, phone[0], 1, usb_class, modes))
+                self.expect_nothing("media")
+                self.assert_state("STATE_DETACH")
+                self.assertEqual(self.board.written(), [("port_sel", "1")] * 4)
+                self.unplug(phone)
 
     def test_a_reset_with_another_phones_ids_touches_nothing(self):
         phone = self.plug(board.accessory())

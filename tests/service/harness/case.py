@@ -166,6 +166,17 @@ class ServiceCase(unittest.TestCase):
             raise cls.failureException("the command frame is stuck")
 
     @classmethod
+    def settle_requests(cls, timeout=20):
+        """Returns when the command frame has handled all that was sent before by SDCM, and its answers are here. Only
+        records of one sender keep their order."""
+        id = 1000000 + next(_serial)
+        mark = cls.service.mark()
+        cls.peers.send("sdcm", usbrecords.message(id))
+        if not cls.service.wait_log(f"unknown msgID:{id}", mark, timeout):
+            raise cls.failureException("the command frame is stuck, or lost a request")
+        cls.peers.quiet()
+
+    @classmethod
     def settle(cls, timeout=20):
         """Returns when nothing of what was told or sent is still under way."""
         cls.settle_events(timeout)

@@ -41,7 +41,8 @@ def parse(raw):
     if not found:
         return Line(raw, text=raw)
     return Line(raw, int(found["level"]), f"{found['module']}.{found['submodule']}", int(found["thread"]),
-                f"{found['file']}:{found['line']}", found["function"], found["text"], int(found["lost"] or 0), float(found["time"]))
+                f"{found['file']}:{found['line']}", found["function"], found["text"], int(found["lost"] or 0),
+                float(found["time"]))
 
 
 class Service:
