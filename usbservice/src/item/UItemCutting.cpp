@@ -12,19 +12,10 @@ constexpr int kWaitMs = 3000;
 }  // namespace
 
 UItemCutting::UItemCutting(UNotifier* notifier, std::uint8_t port, const UMsgNode& msg)
-    : UItemDeferred(ITEM_CUTTING, notifier, port, kWaitMs) {
+    : UItemDeferred(ITEM_CUTTING, notifier, port, kWaitMs), m_message(DeviceOf(msg)) {
     m_message.sender = SENDER_ITEM;
     m_message.id = MSGID_USB_REMOVE;
     m_message.port = port;
-    m_message.dev_type = msg.dev_type;
-    m_message.vid = msg.vid;
-    m_message.pid = msg.pid;
-    m_message.usb_class = msg.usb_class;
-    m_message.speed = msg.speed;
-    CopyText(m_message.serial, msg.serial);
-    CopyText(m_message.product, msg.product);
-    CopyText(m_message.manufacturer, msg.manufacturer);
-    CopyText(m_message.devpath, msg.devpath);
 }
 
 int UItemCutting::CheckEjection() {

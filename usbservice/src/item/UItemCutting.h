@@ -17,7 +17,7 @@ public:
 private:
     int Fire() override { return CheckEjection(); }
 
-    UMsgNode m_message{};  // what is posted
+    UMsgNode m_message;  // what is posted
 };
 
 }  // namespace dcm::usb

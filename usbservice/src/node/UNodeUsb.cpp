@@ -349,24 +349,29 @@ void UNodeUsb::PerformCustomerHub(E_ACTION action) {
     NotifyEventToMedia(CMD_DETACH, SUB_CMD_NONE, DEV_TYPE_UNSUPPORTED);
 }
 
+UMsgNode UNodeUsb::Describe() const {
+    UMsgNode device{};
+    device.port = GetPort();
+    device.dev_type = m_dev_type;
+    device.vid = m_vid;
+    device.pid = m_pid;
+    device.usb_class = m_usb_class;
+    device.speed = m_speed;
+    CopyText(device.serial, m_serial);
+    CopyText(device.product, m_product);
+    CopyText(device.manufacturer, m_manufacturer);
+    CopyText(device.devpath, m_devpath);
+    return device;
+}
+
 void UNodeUsb::NotifyEventToUsb(dcm::E_MSGID id) {
     if (!m_notifier) {
         ULOG(LOG_FAILED, "notifier is null");
         return;
     }
-    UMsgNode message{};
+    UMsgNode message = Describe();
     message.sender = SENDER_EVENT;
     message.id = id;
-    message.port = GetPort();
-    message.dev_type = m_dev_type;
-    message.vid = m_vid;
-    message.pid = m_pid;
-    message.usb_class = m_usb_class;
-    message.speed = m_speed;
-    CopyText(message.serial, m_serial);
-    CopyText(message.product, m_product);
-    CopyText(message.manufacturer, m_manufacturer);
-    CopyText(message.devpath, m_devpath);
     ULOG(LOG_INFO, "msgID:%d dev_type:%d port:%d vid:%x pid:%x class:%x speed:%d", id, m_dev_type.load(),
          GetPort(), m_vid.load(), m_pid.load(), m_usb_class.load(), m_speed.load());
     ULOG(LOG_INFO, "serial:%s product:%s manu:%s dev_path:%s", m_serial, m_product, m_manufacturer,
@@ -379,20 +384,8 @@ void UNodeUsb::NotifyEventToMedia(E_CMD cmd, E_SUB_CMD sub, E_DEV_TYPE type) {
         ULOG(LOG_FAILED, "notifier is null");
         return;
     }
-    st_usb_pkt packet{};
-    packet.kind = kMediaPacketKind;
-    packet.cmd = cmd;
-    packet.sub_cmd = sub;
-    packet.dev_type = type == DEV_TYPE_ANY ? m_dev_type.load() : type;
-    packet.port = GetPort() % 10;
-    packet.vid = m_vid;
-    packet.pid = m_pid;
-    CopyText(packet.serial, m_serial);
-    CopyText(packet.product, m_product);
-    CopyText(packet.manufacturer, m_manufacturer);
-    CopyText(packet.devpath, m_devpath);
-    packet.usb_class = m_usb_class;
-    packet.speed = m_speed;
+    st_usb_pkt packet = MediaPacketOf(cmd, sub, Describe());
+    if (type != DEV_TYPE_ANY) packet.dev_type = type;
     ULOG(LOG_INFO, "cmd:%d sub_cmd:%d dev_type:%d port:%d vid:%x pid:%x support:%d:%d:%d class:%x speed:%d",
          packet.cmd, packet.sub_cmd, packet.dev_type, packet.port, packet.vid, packet.pid, packet.support[0],
          packet.support[1], packet.support[2], packet.usb_class, packet.speed);

@@ -109,6 +109,7 @@ protected:
     void PerformTwoPortHub(E_ACTION action, std::uint32_t hub);
     void PerformI2cHub(E_ACTION action);
     void PerformCustomerHub(E_ACTION action);
+    UMsgNode Describe() const;  // as messages carry it
     void FillAttached(StDiagUsbDeviceStateData& data);
     void PushPortMessage(dcm::E_MSGID id, std::uint8_t port);
 

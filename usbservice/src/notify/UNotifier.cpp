@@ -237,19 +237,9 @@ void UNotifier::PushCutting(bool isAdd, UMsgNode* msg) {
         return;
     }
     ULOG(LOG_INFO, "isAdd:%d port:%d", isAdd, msg->port);
-    UMsgNode message{};  // the bytes between the fields of `msg` may be anything and are not passed on
+    UMsgNode message = DeviceOf(*msg);
     message.sender = SENDER_COMMAND;
     message.id = isAdd ? MSGID_CUTTING_ADD : MSGID_CUTTING_DEL;
-    message.port = msg->port;
-    message.dev_type = msg->dev_type;
-    message.vid = msg->vid;
-    message.pid = msg->pid;
-    message.usb_class = msg->usb_class;
-    message.speed = msg->speed;
-    CopyText(message.serial, msg->serial, sizeof msg->serial);
-    CopyText(message.product, msg->product, sizeof msg->product);
-    CopyText(message.manufacturer, msg->manufacturer, sizeof msg->manufacturer);
-    CopyText(message.devpath, msg->devpath, sizeof msg->devpath);
     Push2Umonitor(kSourceUsb, sizeof message, BytesOf(message));
 }
 

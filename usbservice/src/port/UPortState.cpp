@@ -45,6 +45,7 @@ UPortState::UPortState(std::uint8_t port, UNotifier* notifier)
       m_notifier(notifier),
       m_lists(USingleton<UListNode>::GetInstance()),
       m_dev_accessor(USingleton<UDevAccessor>::GetInstance()) {
+    m_device.port = port;
     if (pthread_mutex_init(&m_mutex, nullptr) != 0) ULOG(LOG_FAILED, "failed to init mutex");
 }
 
@@ -65,28 +66,22 @@ void UPortState::SetState(E_CON_STATE state) {
 
 void UPortState::UpdateNode(UMsgNode* msg) {
     if (!HasMessage(msg)) return;
-    m_dev_type = static_cast<E_DEV_TYPE>(msg->dev_type);
-    m_vid = msg->vid;
-    m_pid = msg->pid;
-    m_usb_class = msg->usb_class;
-    m_speed = msg->speed;
-    CopyText(m_manufacturer, msg->manufacturer, sizeof msg->manufacturer);
-    CopyText(m_serial, msg->serial, sizeof msg->serial);
-    CopyText(m_product, msg->product, sizeof msg->product);
-    CopyText(m_devpath, msg->devpath, sizeof msg->devpath);
+    m_device = DeviceOf(*msg);
+    m_device.port = m_port;
     ULOG(LOG_INFO, "devtype:%d vid:%x pid:%x class:%x speed:%x manu:%s serial:%s product:%s path:%s",
-         m_dev_type, m_vid, m_pid, m_usb_class, m_speed, m_manufacturer, m_serial, m_product, m_devpath);
+         m_device.dev_type, m_device.vid, m_device.pid, m_device.usb_class, m_device.speed,
+         m_device.manufacturer, m_device.serial, m_device.product, m_device.devpath);
 }
 
 void UPortState::UpdateNode(UMsgChMode* msg) {
     if (!HasMessage(msg)) return;
     CopyText(m_devid, msg->devid, sizeof msg->devid);
     ULOG(LOG_INFO, "devid:%s", m_devid);
-    if (msg->vid == m_vid && msg->pid == m_pid && IsSame(msg->serial, m_serial) &&
-        IsSame(msg->devpath, m_devpath))
+    if (msg->vid == m_device.vid && msg->pid == m_device.pid && IsSame(msg->serial, m_device.serial) &&
+        IsSame(msg->devpath, m_device.devpath))
         return;
-    ULOG(LOG_REFUSED, "why is difference? vid:%x,%x pid:%x,%x serial:%s,%s devpath:%s,%s", msg->vid, m_vid,
-         msg->pid, m_pid, msg->serial, m_serial, msg->devpath, m_devpath);
+    ULOG(LOG_REFUSED, "why is difference? vid:%x,%x pid:%x,%x serial:%s,%s devpath:%s,%s", msg->vid,
+         m_device.vid, msg->pid, m_device.pid, msg->serial, m_device.serial, msg->devpath, m_device.devpath);
 }
 
 // The first node of the first type that has one.
@@ -133,11 +128,11 @@ bool UPortState::IsAccessory(std::uint16_t vid, std::uint16_t pid) {
 }
 
 bool UPortState::IsApple() const {
-    return m_dev_type == DEV_TYPE_APPLE || m_dev_type == DEV_TYPE_APPLE_SHUTTLE;
+    return m_device.dev_type == DEV_TYPE_APPLE || m_device.dev_type == DEV_TYPE_APPLE_SHUTTLE;
 }
 
 bool UPortState::IsAndroid() const {
-    return m_dev_type == DEV_TYPE_PHONE || m_dev_type == DEV_TYPE_MTP;
+    return m_device.dev_type == DEV_TYPE_PHONE || m_device.dev_type == DEV_TYPE_MTP;
 }
 
 void UPortState::CheckCapability() {
@@ -145,10 +140,11 @@ void UPortState::CheckCapability() {
         ULOG(LOG_REFUSED, "port%d %s, not update", m_port, kStateName[m_state]);
     else if (IsApple())
         UpdateCapability(CAPA_NOT_SUPPORTED, CAPA_NOT_SUPPORTED,
-                         CheckCPCapability(m_vid, m_pid, PhonePort()));
+                         CheckCPCapability(m_device.vid, m_device.pid, PhonePort()));
     else if (m_state == STATE_DETACH && IsAndroid())
-        UpdateCapability(CheckAACapability(m_vid, m_pid, PhonePort()), CAPA_SUPPORTED, CAPA_NOT_SUPPORTED);
-    else if (m_state == STATE_DETACH && m_dev_type == DEV_TYPE_STORAGE)
+        UpdateCapability(CheckAACapability(m_device.vid, m_device.pid, PhonePort()), CAPA_SUPPORTED,
+                         CAPA_NOT_SUPPORTED);
+    else if (m_state == STATE_DETACH && m_device.dev_type == DEV_TYPE_STORAGE)
         UpdateCapability(CAPA_NOT_SUPPORTED, CAPA_SUPPORTED, CAPA_NOT_SUPPORTED);
     ULOG(LOG_INFO, "aa_capa:%d ml_capa:%d cp_capa:%d cl_capa:%d", m_aa_capa, m_ml_capa, m_cp_capa, m_cl_capa);
 }
@@ -196,28 +192,13 @@ int UPortState::CheckCLCapability(std::uint16_t vid, std::uint16_t pid, std::uin
 
 // --- reports ---
 
-UMsgNode UPortState::StoredNode() const {
-    UMsgNode node{};
-    node.port = m_port;
-    node.dev_type = m_dev_type;
-    node.vid = m_vid;
-    node.pid = m_pid;
-    node.usb_class = m_usb_class;
-    node.speed = m_speed;
-    CopyText(node.serial, m_serial);
-    CopyText(node.product, m_product);
-    CopyText(node.manufacturer, m_manufacturer);
-    CopyText(node.devpath, m_devpath);
-    return node;
-}
-
 UMsgChMode UPortState::StoredRequest() const {
     UMsgChMode request{};
     request.port = m_port;
-    request.vid = m_vid;
-    request.pid = m_pid;
-    CopyText(request.serial, m_serial);
-    CopyText(request.devpath, m_devpath);
+    request.vid = m_device.vid;
+    request.pid = m_device.pid;
+    CopyText(request.serial, m_device.serial);
+    CopyText(request.devpath, m_device.devpath);
     CopyText(request.devid, m_devid);
     return request;
 }
@@ -261,7 +242,7 @@ void UPortState::NotifyEventToSdcm(UMsgNode* msg) {
 }
 
 void UPortState::NotifyEventToSdcm(E_MSGID id) {
-    SendEvent(id, StoredNode());
+    SendEvent(id, m_device);
 }
 
 void UPortState::SendResult(E_MSGID id, E_RESULT result, const char* devid, const UMsgChMode& about) {
@@ -306,25 +287,12 @@ void UPortState::NotifyResultModeToSdcm(E_MSGID id, E_RESULT result, UMsgChMode*
 
 void UPortState::NotifyEventToMedia(E_CMD cmd) {
     if (!HasNotifier()) return;
-    st_usb_pkt packet{};
-    packet.kind = kMediaPacketKind;
-    packet.cmd = cmd;
-    packet.sub_cmd = SUB_CMD_NONE;
-    packet.dev_type = m_dev_type;
-    packet.port = UnitPort();
-    packet.vid = m_vid;
-    packet.pid = m_pid;
-    CopyText(packet.serial, m_serial);
-    CopyText(packet.product, m_product);
-    CopyText(packet.manufacturer, m_manufacturer);
-    CopyText(packet.devpath, m_devpath);
-    packet.usb_class = m_usb_class;
-    packet.speed = static_cast<std::uint8_t>(m_speed);
+    st_usb_pkt packet = MediaPacketOf(cmd, SUB_CMD_NONE, m_device);
     ULOG(LOG_INFO, "cmd:%d sub_cmd:%d dev_type:%d port:%d vid:%x pid:%x support:%d:%d:%d class:%x speed:%d",
          packet.cmd, packet.sub_cmd, packet.dev_type, packet.port, packet.vid, packet.pid, packet.support[0],
          packet.support[1], packet.support[2], packet.usb_class, packet.speed);
-    ULOG(LOG_INFO, "serial:%s product:%s manu:%s dev_path:%s", m_serial, m_product, m_manufacturer,
-         m_devpath);
+    ULOG(LOG_INFO, "serial:%s product:%s manu:%s dev_path:%s", m_device.serial, m_device.product,
+         m_device.manufacturer, m_device.devpath);
     m_notifier->Send(&packet);
 }
 

@@ -139,7 +139,6 @@ private:
 
     bool FindNode(std::initializer_list<E_DEV_TYPE> types, FoundUsbNode& found);
     void UpdateCapability(int aa, int ml, int cp);
-    UMsgNode StoredNode() const;
     UMsgChMode StoredRequest() const;
     void SendEvent(E_MSGID id, const UMsgNode& about);
     void SendResult(E_MSGID id, E_RESULT result, const char* devid, const UMsgChMode& about);
@@ -177,20 +176,12 @@ private:
     E_CON_STATE m_state = STATE_DETACH;
     int m_reset_retry = 0;  // port resets made because an accessory kept coming back
     int m_aoap_retry = 0;   // accessory starts made because a phone came back unswitched
-    E_DEV_TYPE m_dev_type = DEV_TYPE_NONE;
-    std::uint16_t m_vid = 0;
-    std::uint16_t m_pid = 0;
-    std::uint8_t m_usb_class = 0;
-    std::uint32_t m_speed = 0;
+    UMsgNode m_device{};    // the last one that was taken over; its port is this one's
     std::uint32_t m_aa_capa = CAPA_UNKNOWN;
     std::uint32_t m_ml_capa = CAPA_UNKNOWN;
     std::uint32_t m_cp_capa = CAPA_UNKNOWN;
     std::uint32_t m_cl_capa = CAPA_UNKNOWN;
     bool m_tty_attached = false;
-    char m_manufacturer[64] = {};
-    char m_serial[64] = {};
-    char m_product[64] = {};
-    char m_devpath[128] = {};
     char m_devid[32] = {};  // of the last accepted request
     UListNode* const m_lists;
     UDevAccessor* const m_dev_accessor;

@@ -66,7 +66,7 @@ void UPortState::Attach(UMsgNode* msg) {
     UpdateNode(msg);
     CheckCapability();
     NotifyEventToSdcm(msg);
-    if (m_dev_type == DEV_TYPE_PHONE) NotifyEventToMedia(CMD_ATTACH);
+    if (m_device.dev_type == DEV_TYPE_PHONE) NotifyEventToMedia(CMD_ATTACH);
     SetAttachTarget();
 }
 
@@ -126,12 +126,12 @@ void UPortState::AddInCLChanging(UMsgNode* msg) {
 }
 
 bool UPortState::IsOther(const UMsgNode& msg) const {
-    return std::strncmp(msg.serial, m_serial, sizeof m_serial) != 0;
+    return std::strncmp(msg.serial, m_device.serial, sizeof m_device.serial) != 0;
 }
 
 // Another phone than the one whose port was reset.
 void UPortState::AttachOther(UMsgNode* msg) {
-    ULOG(LOG_REFUSED, "port%d serial %s > %s, so another device", m_port, msg->serial, m_serial);
+    ULOG(LOG_REFUSED, "port%d serial %s > %s, so another device", m_port, msg->serial, m_device.serial);
     DetachStored();
     UpdateNode(msg);
     CheckCapability();
@@ -184,7 +184,7 @@ void UPortState::ProcessUsbRemoveMsg(UMsgNode* msg) {
         case STATE_ATTACH:
             m_notifier->PushCarplayCapa(false, m_port);
             NotifyEventToSdcm(msg);
-            if (m_dev_type == DEV_TYPE_PHONE) NotifyEventToMedia(CMD_DETACH);
+            if (m_device.dev_type == DEV_TYPE_PHONE) NotifyEventToMedia(CMD_DETACH);
             SetState(STATE_DETACH);
             break;
         case STATE_CP_SUPPORT:
@@ -317,7 +317,7 @@ void UPortState::ProcessTtyChangeMsg() {
         case STATE_CP_CHANGING:
         case STATE_CP:
         case STATE_CP_RESETTING:
-            m_dev_accessor->StartCPPortReset(m_vid, m_pid, UnitPort());
+            m_dev_accessor->StartCPPortReset(m_device.vid, m_device.pid, UnitPort());
             DetachStored();
             break;
         default:

@@ -222,10 +222,10 @@ void UPortState::ProcessSearch(UMsgSearch* msg) {
         return;
     }
     // Deliberate: media hears of phones (9) when they come, and of the others when it asks.
-    if (IsApple() || m_dev_type == DEV_TYPE_MTP)
+    if (IsApple() || m_device.dev_type == DEV_TYPE_MTP)
         NotifyEventToMedia(CMD_ATTACH);
     else
-        ULOG(LOG_REFUSED, "port%d dev_type:%d, so not send", m_port, m_dev_type);
+        ULOG(LOG_REFUSED, "port%d dev_type:%d, so not send", m_port, m_device.dev_type);
 }
 
 // --- timers ---

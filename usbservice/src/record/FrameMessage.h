@@ -65,6 +65,23 @@ static_assert(offsetof(UMsgNode, product) == 92);
 static_assert(offsetof(UMsgNode, manufacturer) == 156);
 static_assert(offsetof(UMsgNode, devpath) == 220);
 
+// The device of a message from elsewhere, and nothing that may stand between its fields: texts are
+// terminated, sender and id are zero.
+inline UMsgNode DeviceOf(const UMsgNode& message) {
+    UMsgNode device{};
+    device.port = message.port;
+    device.dev_type = message.dev_type;
+    device.vid = message.vid;
+    device.pid = message.pid;
+    device.usb_class = message.usb_class;
+    device.speed = message.speed;
+    CopyText(device.serial, message.serial);
+    CopyText(device.product, message.product);
+    CopyText(device.manufacturer, message.manufacturer);
+    CopyText(device.devpath, message.devpath);
+    return device;
+}
+
 // SDCM asks for a mode: ids 12 to 17.
 struct [[gnu::packed]] UMsgChMode {
     std::uint8_t sender;

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "record/FrameMessage.h"
 #include "record/Text.h"
 
 namespace dcm::usb {
@@ -84,6 +85,25 @@ static_assert(offsetof(st_usb_pkt, manufacturer) == 164);
 static_assert(offsetof(st_usb_pkt, devpath) == 228);
 static_assert(offsetof(st_usb_pkt, usb_class) == 356);
 static_assert(offsetof(st_usb_pkt, speed) == 357);
+
+// What media is told of a device.
+inline st_usb_pkt MediaPacketOf(E_CMD cmd, E_SUB_CMD sub_cmd, const UMsgNode& device) {
+    st_usb_pkt packet{};
+    packet.kind = kMediaPacketKind;
+    packet.cmd = cmd;
+    packet.sub_cmd = sub_cmd;
+    packet.dev_type = device.dev_type;
+    packet.port = device.port % 10;
+    packet.vid = device.vid;
+    packet.pid = device.pid;
+    CopyText(packet.serial, device.serial);
+    CopyText(packet.product, device.product);
+    CopyText(packet.manufacturer, device.manufacturer);
+    CopyText(packet.devpath, device.devpath);
+    packet.usb_class = device.usb_class;
+    packet.speed = static_cast<std::uint8_t>(device.speed);
+    return packet;
+}
 
 struct [[gnu::packed]] st_storage_pkt {
     std::uint32_t kind;      // kMediaPacketKind
