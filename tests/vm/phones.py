@@ -14,7 +14,7 @@ import dataclasses
 import re
 
 from road import (APPLE, CONTROLLER, DETACHED, HUB_FAULTY, HUB_NOT_SUPPORTED, NOT_SUPPORTED, PHONE, Plugged, RoadTest,
-                  SCAN, START_REPORTS, SUPPORTED, event_told, to, together)
+                  SCAN, START_REPORTS, SUPPORTED, event_told, said_at, to, together)
 import usbrecords
 
 # Requests of SDCM, and the answer's id.
@@ -34,7 +34,6 @@ ANDROID = Plugged(port=2, vid=0x18D1, pid=0x4EE7, dev_type=PHONE, interface=(0xF
 IPHONE = Plugged(port=2, vid=0x05AC, pid=0x12A8, dev_type=APPLE, interface=(3, 0, 0),
                  serial="00008030001A2B3C4D5E6F70", product="iPhone", manufacturer="Apple Inc.",
                  capability=(NOT_SUPPORTED, NOT_SUPPORTED, SUPPORTED, NOT_SUPPORTED))
-
 
 
 def as_accessory(device):
@@ -132,3 +131,13 @@ class PhoneRoad(RoadTest):
         found = [re.search(r"(Push\w+): isAdd:(\d) port:(\d+)$", one.text)
                  for one in self.unit.logs(self._step if since is None else since)]
         return [(one[1], one[2] == "1", int(one[3])) for one in found if one]
+
+    def power_was_cut(self, port, seconds):
+        """Once in the last step, for so long; the shell that restores it takes its time too."""
+        control = [text for _, text in self.unit.board_lines() if text.startswith(("port_sel", "ka_hub_control"))]
+        self.assertEqual(control[-4:], [f"port_sel <- {port}", "ka_hub_control <- 3",
+                                        f"port_sel <- {port}", "ka_hub_control <- 4"])
+        self.assert_log(f"ControlKaHub: port{port} mode:HUB_OFF$", times=1)
+        restoring, = self.assert_log(f"ControlKaHub: port{port} mode:HUB_ON$", times=1)
+        off = [time for time, text in self.unit.board_lines() if text == f"port {port} off"][-1]
+        self.assertTrue(seconds - 0.01 < said_at(restoring) - off < seconds + 0.45, (off, restoring))
