@@ -57,7 +57,13 @@ void UPortState::ProcessUsbAddMsg(UMsgNode* msg) {
         case STATE_CL_RESETTING:
             AddInCLResetting(msg);
             break;
-        default:
+        case STATE_ATTACH:
+        case STATE_CP_SUPPORT:
+        case STATE_CP_CHANGING:
+        case STATE_RESETTING:
+        case STATE_AA:
+        case STATE_ML:
+        case STATE_CL:
             LogNotSend();
     }
 }
@@ -212,7 +218,9 @@ void UPortState::ProcessUsbRemoveMsg(UMsgNode* msg) {
         case STATE_CL_RESETTING:
             m_notifier->PushCutting(true, msg);
             break;
-        default:
+        case STATE_DETACH:
+        case STATE_RESETTING:
+        case STATE_CP_RESETTING:
             LogNotSend();
     }
 }
@@ -257,7 +265,12 @@ void UPortState::ProcessDeferredMsg(UMsgNode* msg) {
                 SetState(STATE_ATTACH);
             }
             break;
-        default:
+        case STATE_DETACH:
+        case STATE_CP_SUPPORT:
+        case STATE_CP_CHANGING:
+        case STATE_RESETTING:
+        case STATE_CP:
+        case STATE_CP_RESETTING:
             LogNotSend();
     }
 }
@@ -288,7 +301,18 @@ void UPortState::ProcessHidAddMsg(UMsgHidNode* msg) {
         case STATE_CP_CHANGING:
         case STATE_CP_RESETTING:
             break;
-        default:
+        case STATE_DETACH:
+        case STATE_AA_CHANGING:
+        case STATE_ML_CHANGING:
+        case STATE_CL_CHANGING:
+        case STATE_RESETTING:
+        case STATE_AA:
+        case STATE_ML:
+        case STATE_CP:
+        case STATE_CL:
+        case STATE_AA_RESETTING:
+        case STATE_ML_RESETTING:
+        case STATE_CL_RESETTING:
             LogNotSend();
     }
 }
@@ -320,7 +344,19 @@ void UPortState::ProcessTtyChangeMsg() {
             m_dev_accessor->StartCPPortReset(m_device.vid, m_device.pid, UnitPort());
             DetachStored();
             break;
-        default:
+        case STATE_DETACH:
+        case STATE_ATTACH:
+        case STATE_CP_SUPPORT:
+        case STATE_AA_CHANGING:
+        case STATE_ML_CHANGING:
+        case STATE_CL_CHANGING:
+        case STATE_RESETTING:
+        case STATE_AA:
+        case STATE_ML:
+        case STATE_CL:
+        case STATE_AA_RESETTING:
+        case STATE_ML_RESETTING:
+        case STATE_CL_RESETTING:
             LogNotSend();
     }
 }

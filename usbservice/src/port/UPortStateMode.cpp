@@ -175,7 +175,16 @@ void UPortState::ProcessResetMode(UMsgChMode* msg) {
             else
                 NotifyResultModeToSdcm(id, RESULT_FAILED, msg);
             break;
-        default:
+        case STATE_DETACH:
+        case STATE_ATTACH:
+        case STATE_CP_SUPPORT:
+        case STATE_AA_CHANGING:
+        case STATE_ML_CHANGING:
+        case STATE_RESETTING:
+        case STATE_AA_RESETTING:
+        case STATE_ML_RESETTING:
+        case STATE_CP_RESETTING:
+        case STATE_CL_RESETTING:
             ULOG(LOG_REFUSED, "port%d %s, so can't reset", m_port, kStateName[m_state]);
             NotifyResultModeToSdcm(id, RESULT_FAILED, msg);
     }
@@ -243,7 +252,19 @@ void UPortState::ProcessChTimeoutMsg(UMsgTimeout* msg) {
         case STATE_CL_CHANGING:
             EndChange(kCarLife);
             break;
-        default:
+        case STATE_DETACH:
+        case STATE_ATTACH:
+        case STATE_CP_SUPPORT:
+        case STATE_CP_CHANGING:
+        case STATE_RESETTING:
+        case STATE_AA:
+        case STATE_ML:
+        case STATE_CP:
+        case STATE_CL:
+        case STATE_AA_RESETTING:
+        case STATE_ML_RESETTING:
+        case STATE_CP_RESETTING:
+        case STATE_CL_RESETTING:
             LogNotSend();
     }
 }
