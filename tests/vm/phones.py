@@ -30,6 +30,9 @@ DEVID = "SDCM's name of it"
 ANDROID = Plugged(port=2, vid=0x18D1, pid=0x4EE7, dev_type=PHONE, interface=(0xFF, 0x42, 0x01),
                   serial="0123456789ABCDEF", product="Nexus", manufacturer="Google",
                   capability=(SUPPORTED, SUPPORTED, NOT_SUPPORTED, NOT_SUPPORTED))
+# Phone("mirrorlink"), attached as a phone.
+SAMSUNG = Plugged(port=2, vid=0x04E8, pid=0x6860, dev_type=PHONE, interface=(0xFF, 0x42, 0x01),
+                  serial="4DF1A2B3C4D5E6F7", product="GT-I9300", manufacturer="SAMSUNG")
 # Phone("iphone"), which knows CarPlay.
 IPHONE = Plugged(port=2, vid=0x05AC, pid=0x12A8, dev_type=APPLE, interface=(3, 0, 0),
                  serial="00008030001A2B3C4D5E6F70", product="iPhone", manufacturer="Apple Inc.",
@@ -39,6 +42,11 @@ IPHONE = Plugged(port=2, vid=0x05AC, pid=0x12A8, dev_type=APPLE, interface=(3, 0
 def as_accessory(device):
     """The same Android phone after it has switched. What it can do was found out before and is kept."""
     return dataclasses.replace(device, pid=0x2D00, interface=(0xFF, 0xFF, 0x00))
+
+
+def with_network(device):
+    """The same MirrorLink phone after it has switched."""
+    return dataclasses.replace(device, pid=0x6863, interface=(2, 6, 0))
 
 
 # --- transfers, as Transfer.setup has them: type, request, value, index, data ---
@@ -126,6 +134,12 @@ class PhoneRoad(RoadTest):
         """Through exactly these states, in the last step or since a place in the stream."""
         self.assertEqual(self.states(port, self._step if since is None else since), list(states), self.heard())
 
+    def commands(self, since=None):
+        """What the service wrote into files of the kernel and the board, in order, as its log has it."""
+        found = [re.search(r": (echo .* > .*)$", one.text)
+                 for one in self.unit.logs(self._step if since is None else since)]
+        return [one[1] for one in found if one]
+
     def timers(self, since=None):
         """What the port's state armed (True) and cancelled (False), with the port: [("PushCutting", True, 2), ...]"""
         found = [re.search(r"(Push\w+): isAdd:(\d) port:(\d+)$", one.text)
@@ -134,9 +148,14 @@ class PhoneRoad(RoadTest):
 
     def power_was_cut(self, port, seconds):
         """Once in the last step, for so long; the shell that restores it takes its time too."""
-        control = [text for _, text in self.unit.board_lines() if text.startswith(("port_sel", "ka_hub_control"))]
-        self.assertEqual(control[-4:], [f"port_sel <- {port}", "ka_hub_control <- 3",
-                                        f"port_sel <- {port}", "ka_hub_control <- 4"])
+        selected, controls = None, []
+        for _, text in self.unit.board_lines():
+            name, _, value = text.partition(" <- ")
+            if name == "port_sel":
+                selected = int(value)
+            elif name == "ka_hub_control":
+                controls.append((selected, int(value)))
+        self.assertEqual(controls[-2:], [(port, 3), (port, 4)])
         self.assert_log(f"ControlKaHub: port{port} mode:HUB_OFF$", times=1)
         restoring, = self.assert_log(f"ControlKaHub: port{port} mode:HUB_ON$", times=1)
         off = [time for time, text in self.unit.board_lines() if text == f"port {port} off"][-1]

@@ -2,14 +2,13 @@
 """MirrorLink: one command to the phone, which then comes back with its network function, or does not."""
 import dataclasses
 
-from phones import (DONE, FAILED, MIRRORLINK, MIRRORLINK_COMMAND, PROTOCOL, PhoneRoad, answered, left_the_bus, saw)
-from road import (DETACHED, HUB, Hub, MTP, PHONE, Plugged, STORAGE, Stick, Volume, attached, came, detached,
+from phones import (DONE, FAILED, MIRRORLINK, MIRRORLINK_COMMAND, PROTOCOL, PhoneRoad, SAMSUNG, answered, left_the_bus,
+                    pulled_in_mode, saw, with_network)
+from road import (DETACHED, HUB, Hub, MTP, Plugged, STORAGE, Stick, Volume, attached, came, detached,
                   event_told, hub_came, left, main, mounted, state_told, together)
 from headunit import Phone
 
-SAMSUNG = Plugged(port=2, vid=0x04E8, pid=0x6860, dev_type=PHONE, interface=(0xFF, 0x42, 0x01),
-                  serial="4DF1A2B3C4D5E6F7", product="GT-I9300", manufacturer="SAMSUNG")
-NETWORK = dataclasses.replace(SAMSUNG, pid=0x6863, interface=(2, 6, 0))     # the same, with its network function
+NETWORK = with_network(SAMSUNG)
 LOADER = dataclasses.replace(SAMSUNG, vid=0x0525, pid=0xA4A0)               # the device that wants the command twice
 HUB_ON_2 = Plugged(port=2, vid=0x0409, pid=0x55AA, dev_type=HUB, interface=(9, 0, 0), serial="HUB",
                    product="QEMU USB Hub")
@@ -20,11 +19,6 @@ COMMANDED = [PROTOCOL, MIRRORLINK_COMMAND]
 def returned(device, result=DONE):
     """A phone has left and come back as that device, and the answer is due."""
     return together(left_the_bus(), state_told(device), answered(MIRRORLINK, device, result))
-
-
-def gone(device):
-    """A phone is pulled in MirrorLink: media, which heard of its coming, does not hear of it."""
-    return together(left_the_bus(), event_told(device, DETACHED))
 
 
 class MirrorLinkRoad(PhoneRoad):
@@ -45,7 +39,7 @@ class MirrorLinkRoad(PhoneRoad):
     def pulled(self, phone, device):
         """In MirrorLink."""
         self.unit.unplug(phone)
-        self.told(gone(device))
+        self.told(pulled_in_mode(device))
         self.went(2, "STATE_ML", "STATE_DETACH")
 
 
