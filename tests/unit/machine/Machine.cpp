@@ -37,7 +37,7 @@ namespace {
 constexpr int kSocket = 1000;  // what the reader takes for its netlink socket
 constexpr useconds_t kMonitorPeriod = 100000;
 constexpr unsigned long kServiceItself = 4096;
-constexpr auto kPatience = std::chrono::seconds(60);
+constexpr auto kPatience = std::chrono::seconds(20);
 
 using dcm::DcmInterface;
 

@@ -29,7 +29,7 @@ public:
     Machine(const Machine&) = delete;
     Machine& operator=(const Machine&) = delete;
 
-    // Comes back when all queues are empty and all frames wait again. False: they did not within a minute.
+    // Comes back when all queues are empty and all frames wait again. False: they did not for 20 seconds.
     // While it works the monitor frame makes at least `passes` of its rounds.
     [[nodiscard]] bool Let(const Happening& happening, unsigned passes = 1);
 
