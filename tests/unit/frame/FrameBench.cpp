@@ -3,6 +3,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <mutex>
 #include <new>
@@ -78,6 +79,21 @@ int __wrap_usleep(useconds_t time) {
     Did("usleep " + std::to_string(time));
     sched_yield();
     return 0;
+}
+
+unsigned __wrap_sleep(unsigned seconds) {
+    Did("sleep " + std::to_string(seconds));
+    return 0;
+}
+
+// USpawn::RunCmd(const char*): nothing is run.
+int __wrap__ZN3dcm3usb6USpawn6RunCmdEPKc(const char* command) {
+    Did(command);
+    const test::Stage& stage = TheStage();
+    if (!stage.failing_command || std::string(command).find(stage.failing_text) == std::string::npos)
+        return 0;
+    errno = stage.failing_command;
+    return -1;
 }
 
 int __wrap__ZN3dcm3usb8UNetLink11InitNetlinkEv(dcm::usb::UNetLink*) {

@@ -22,12 +22,15 @@ struct Stage {
     std::function<void()> at_drive;       // what DriveNetLink does
     const char* mounted_at = nullptr;     // of the volume on `mounted_port`
     unsigned mounted_port = 0;
+    int failing_command = 0;  // errno with which shell commands that contain failing_text cannot be run
+    std::string failing_text;
     bool threads = false;  // run() really starts the frame's thread
     std::function<void(frame::Frame*)> at_run;
 };
 Stage& TheStage();
 
-// What frames did with it, in order: "usleep 10000", "init netlink", "scan", "drive", "run", "join".
+// What frames did with it, in order: "usleep 10000", "sleep 1", "init netlink", "scan", "drive", "run",
+// "join", and shell commands as they stand.
 std::vector<std::string> Deeds();
 void ClearDeeds();
 

@@ -527,12 +527,6 @@ TEST_F(UFrame, RefusesOtherDiagnosisRequests) {
     EXPECT_EQ(Adaption(1), 0);
 }
 
-TEST_F(UFrame, RefusesTheHubTestUntilThereIsHubControl) {
-    Take(kDiagnosis, "83 60 31 80 AA 03");
-    EXPECT_THAT(Logs(), ElementsAre(Line(128, "unknown diag packet cmd:83 subcmd:60,31 rdid:80,aa")));
-    EXPECT_THAT(Packets(), IsEmpty());
-}
-
 TEST_F(UFrame, AnswersAMountCheckWithThePathOfTheVolume) {
     TheStage().mounted_at = "/tmp/USB/PORT1/PART1/";
     TheStage().mounted_port = 1;

@@ -1,12 +1,18 @@
 #include "frame/UFrame.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <string>
 
 #include "access/UDevAccessor.h"
+#include "board/UPort.h"
 #include "misc/ULog.h"
+#include "misc/UMisc.h"
 #include "node/UListNode.h"
 #include "notify/UNotifier.h"
 #include "port/UListPortState.h"
@@ -28,6 +34,17 @@ constexpr unsigned int kMinDiag = 5;
 constexpr unsigned int kMinMedia = sizeof(MediaCommand);
 
 constexpr std::uint8_t kTestMountCheck = 8;
+constexpr std::uint8_t kRoutineStart = 3;  // data of diagnosis' request for the hub's self-test
+
+// What the hub's self-test reads.
+constexpr int kDiagNotRun = 255;
+constexpr unsigned kDiagSeconds = 1;
+struct SocketBits {
+    unsigned char socket;
+    int in_order;  // clear: open circuit
+    int short_circuit;
+};
+constexpr SocketBits kSocketBits[] = {{1, 0x80, 0x08}, {2, 0x40, 0x04}, {3, 0x20, 0x02}, {4, 0x10, 0x01}};
 
 // The message as a whole record: what is missing at its end is zero, what is too much is left out.
 template <typename Record>
@@ -269,8 +286,9 @@ void UFrame::HandleDiag(unsigned int len, char* buf) {
         return;
     }
     const auto request = Receive<DiagRequest>(len, buf);
-    const bool isData =
-        request.command == 0x83 && request.sub_command == 0x60 && request.service == kDiagService;
+    const bool isForUs = request.command == 0x83 && request.sub_command == 0x60;
+    const bool isData = isForUs && request.service == kDiagService;
+    const bool isRoutine = isForUs && request.service == kDiagRoutine;
     if (isData && request.rdid[0] == 0x09 && request.rdid[1] == 0x81) {
         int active[4];
         for (int i = 0; i < 4; ++i)
@@ -284,10 +302,51 @@ void UFrame::HandleDiag(unsigned int len, char* buf) {
         const int coding = request.data[1] >> 6;
         ULOG(LOG_INFO, "media usb configuration: %d", coding);
         m_setting->SetUsbCoding(static_cast<E_USB_CODING>(coding));
+    } else if (isRoutine && request.rdid[0] == 0x80 && request.rdid[1] == 0xAA &&
+               request.data[0] == kRoutineStart) {
+        RunDiagnosisTest();
     } else {
-        // The hub's self-test (31 80 AA 03) is not there yet and ends here as well.
         ULOG(LOG_INFO, "unknown diag packet cmd:%x subcmd:%x,%x rdid:%x,%x", request.command,
              request.sub_command, request.service, request.rdid[0], request.rdid[1]);
+    }
+}
+
+const char* const UFrame::kStringKaHubDiag = "/ka_hub_diag";
+
+void UFrame::RunDiagnosisTest() {
+    if (!m_notifier) {
+        ULOG(LOG_FAILED, "notifier is null");
+        return;
+    }
+    if (UPort::m_hub_max_port != 2) {
+        ULOG(LOG_FAILED, "the ka hub doesn't exist.");
+        m_notifier->SendDiagnosisTestResult(false);
+        return;
+    }
+    if (ControlDiagnosisTest(true)) {
+        sleep(kDiagSeconds);
+        const int result = UString::GetInterfaceString2Value(UPort::GetBoardHostPath(), kStringKaHubDiag);
+        ULOG(LOG_INFO, "result is 0x%x", result);
+        if (result != kDiagNotRun) ReportSockets(result);
+        m_notifier->SendDiagnosisTestResult(result != kDiagNotRun);
+    } else {
+        ULOG(LOG_FAILED, "error in diag start %s", std::strerror(errno));
+        m_notifier->SendDiagnosisTestResult(false);
+    }
+    if (!ControlDiagnosisTest(false)) ULOG(LOG_FAILED, "error in diag stop %s", std::strerror(errno));
+}
+
+bool UFrame::ControlDiagnosisTest(bool isOn) {
+    char command[256] = {};
+    std::snprintf(command, sizeof command, "echo %d > /sys%s%s", isOn, UPort::GetBoardHostPath(),
+                  kStringKaHubDiag);
+    return USpawn::RunCmd(command) == 0;
+}
+
+void UFrame::ReportSockets(int result) {
+    for (const SocketBits& bits : kSocketBits) {
+        m_notifier->SendSocketOpenCircuit(bits.socket, !(result & bits.in_order));
+        m_notifier->SendSocketShortCircuit(bits.socket, result & bits.short_circuit);
     }
 }
 

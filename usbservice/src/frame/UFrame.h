@@ -18,7 +18,6 @@ class UListPortState;
 class UNotifier;
 class USetting;
 
-// The hub's self-test is not there yet: diagnosis' request for it is refused the way an unknown one is.
 class UFrame : public frame::Frame {
 public:
     // Makes the singletons that all frames share: settings, port list, node list, accessor. Made before the
@@ -26,6 +25,8 @@ public:
     UFrame(std::shared_ptr<kipc::Interface>& interface, frame::Message* message,
            const std::vector<frame::QueueInfo>& queues);
     ~UFrame() override;
+
+    static const char* const kStringKaHubDiag;  // attribute of the hub's self-test, below the host controller
 
     void event_handler(unsigned long src, unsigned int len, char* buf) override;
 
@@ -38,12 +39,18 @@ public:
     void HandleDiag(unsigned int len, char* buf);
     void HandleTestIface(unsigned int len, char* buf);
 
+    // The hub's self-test, which takes a second: tells diagnosis of each socket and whether the test could
+    // run.
+    void RunDiagnosisTest();
+
     // Tells SDCM that the scan at start began (MSGID_SCAN_BEGIN) or ended (MSGID_SCAN_END).
     void NotifyScanToSdcm(E_MSGID id);
 
 private:
     void Search(E_SEARCH_TRIGGER trigger);
     void UpdateSwitches();
+    bool ControlDiagnosisTest(bool isOn);
+    void ReportSockets(int result);
     void ChangeSignalTest(std::uint8_t port, std::uint32_t before, std::uint32_t now);
     void ChangeDeviceMode(std::uint8_t port, std::uint32_t before, std::uint32_t now);
 
