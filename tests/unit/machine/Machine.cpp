@@ -309,7 +309,7 @@ bool Machine::Let(const Happening& happening, unsigned passes) {
 
 bool Machine::MoveTime(std::int64_t nanoseconds) {
     gate.now += nanoseconds;
-    return Let({}, 3);  // a timer sees that it is over in one pass, and fires in the next
+    return Let({}, 2);  // a timer sees that it is over in one pass, and fires in the next
 }
 
 Said Machine::Take() {

@@ -140,11 +140,6 @@ E_STATE Model::StateOf(unsigned port) const {
     return found == m_ports.end() ? DETACH : found->second.state;
 }
 
-bool Model::IsTtyAttached(unsigned port) const {
-    const auto found = m_ports.find(port);
-    return found != m_ports.end() && found->second.tty;
-}
-
 void Model::Meet(const Port& port, const std::string& event) {
     m_met.insert({port.state, event});
 }

@@ -107,9 +107,7 @@ public:
     Said Take();
 
     std::vector<unsigned> Ports() const;  // that have a state
-    bool Knows(unsigned port) const { return m_ports.contains(port); }
     E_STATE StateOf(unsigned port) const;
-    bool IsTtyAttached(unsigned port) const;
     std::optional<std::int64_t> UntilNextTimer() const;  // nanoseconds
     bool IsPolling() const;
     unsigned PollsInVain() const { return m_polls_in_vain; }  // series of five that ended

@@ -67,7 +67,7 @@ Step Script::Next() {
 }
 
 void Script::Join(Step& step, Part part) {
-    if (!step.text.empty()) step.text += "; ";
+    if (!step.text.empty() && !step.text.ends_with(' ')) step.text += "; ";
     step.text += part.text;
     std::move(part.happening.uevents.begin(), part.happening.uevents.end(),
               std::back_inserter(step.happening.uevents));
@@ -88,9 +88,9 @@ void Script::Faults(Step& step) {
     if (fault < 5) m_world.failing_command = kCommands[fault];
     if (fault == 5) m_world.odd_port_status = "5";
     if (fault == 6) m_world.usb_fails = true;
-    step.text = fault == 6   ? "(libusb fails)"
-                : fault == 5 ? "(odd port status)"
-                             : Format("(no %s)", kCommands[fault]);
+    step.text = fault == 6   ? "(libusb fails) "
+                : fault == 5 ? "(odd port status) "
+                             : Format("(no %s) ", kCommands[fault]);
 }
 
 // Messages that change nothing for a phone, but touch what the frames share.
