@@ -19,6 +19,10 @@ RETURNED = [("PushCutting", False, 2)]
 TIMERS_OF_A_DETACH = [("PushCarplayCapa", False, 2)]   # of an attached device, whatever it is
 
 
+# Seconds that a timer may be late: three passes of the monitor frame, and what a busy machine adds.
+LATE = 0.9
+
+
 class AndroidRoad(PhoneRoad):
     """Steps that several roads have."""
 
@@ -55,3 +59,8 @@ class AndroidRoad(PhoneRoad):
         self.told(pulled_in_mode(device))
         self.went(device.port, mode, "STATE_DETACH")
         self.assertEqual(self.timers(), [])
+
+    def assert_between(self, seconds, measured):
+        """Not too early, and at most a little late."""
+        self.assertGreaterEqual(measured, seconds, self.heard())
+        self.assertLess(measured, seconds + LATE, self.heard())
