@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Requests of SDCM that are cut, endless, wild or hostile: each ends in a log line or a sound answer, and the next phone
-works.
+"""Requests of SDCM that are cut, endless, wild or hostile: each ends in a log line or a sound answer, and the next
+phone works.
 
 What costs time is sent seldom, for the command frame takes its time by design:
 - "reset hub" (30): half a second each;
@@ -88,7 +88,7 @@ class BadRequests(ServiceCase):
     def attach(self, **values):
         """A made-up stick on port 1, which is there for requests."""
         self.ask(node(**values))
-        self.assertEqual([record["id"] for record in self.got("sdcm")], [1])
+        self.assertEqual([record["id"] for record in self.await_records("sdcm", 1)], [1])
 
 
 class Lengths(BadRequests):
@@ -134,7 +134,7 @@ class Lengths(BadRequests):
                 told = (whole + b"\xff" * 52)[:length].ljust(348, b"\0")
                 expected = usbrecords.parse("node", told)
                 self.ask((whole + b"\xff" * 52)[:length])
-                record = self.got("sdcm")[0]
+                record = self.await_records("sdcm", 1)[0]
                 self.assertEqual(record["id"], 1)
                 for field in ("port", "dev_type", "vid", "pid", "usb_class", "speed", "serial", "product",
                               "manufacturer", "devpath"):
@@ -188,7 +188,7 @@ class Texts(BadRequests):
                     came = with_field("node", came, field, text)
                     left = with_field("node", left, field, text)
                 self.ask(came, usbrecords.message(18), left)
-                records = self.got("sdcm")
+                records = self.await_records("sdcm", 3)
                 self.assertEqual([record["id"] for record in records], [1, 1, 2])
                 for record in records:
                     self.assertEqual(record.faults, [])
@@ -203,7 +203,7 @@ class Texts(BadRequests):
                     came = with_field("node", came, field, text)
                 came = with_field("node", came, "devpath", board.CONTROLLER.encode() + text)     # not a stranger's
                 self.ask(came, left)
-                records = self.got("media")
+                records = self.await_records("media", 2)
                 self.assertEqual([record["cmd"] for record in records], [2, 5])
                 for record in records:
                     self.assertEqual(record.faults, [])
@@ -225,7 +225,7 @@ class Numbers(BadRequests):
         for port in (9, 10, 99, 100, 255):
             with self.subTest(port):
                 self.ask(node(port=port), node(21, port))
-                records = self.got("sdcm")
+                records = self.await_records("sdcm", 2)
                 self.assertEqual([(record["id"], record["port"]) for record in records], [(1, port), (2, port)])
                 self.ask(node(21, port, sender=4), *(usbrecords.message(id, port=port) for id in (22, 23, 45, 46, 47)))
                 self.expect_log(f"port{port} {port % 10} STATE_DETACH")
@@ -253,7 +253,7 @@ class Numbers(BadRequests):
             with self.subTest(number):
                 self.ask(node(dev_type=number, speed=number, vid=number & 0xFFFF, usb_class=number & 0xFF),
                          node(21, dev_type=number, speed=number))
-                records = self.got("sdcm")
+                records = self.await_records("sdcm", 2)
                 self.assertEqual([(record["id"], record["dev_type"], record["speed"]) for record in records],
                                  [(1, number, number), (2, number, number)])
 
@@ -267,7 +267,7 @@ class Numbers(BadRequests):
     def test_a_device_of_an_unknown_sender_is_no_deferred_one(self):
         for sender in (0, 1, 2, 3, 5, 255):
             self.ask(node(sender=sender), node(21, sender=sender))
-            self.assertEqual([record["id"] for record in self.got("sdcm")], [1, 2])
+            self.assertEqual([record["id"] for record in self.await_records("sdcm", 2)], [1, 2])
 
 
 class Lots(BadRequests):
@@ -307,15 +307,25 @@ class Lots(BadRequests):
         asked = request(14, board.phone("1-1.1")[0])
         for _ in range(10000):
             self.send("sdcm", asked)
-        self.settle_requests(60)
+        self.settle_flood()
         lines = self.service.since(self.log_from)
+        lost = sum(line.lost for line in lines)
         refused = sum(line.text == "port1 STATE_ATTACH, so can't change" for line in lines)
-        self.assertLessEqual(10000 - refused, sum(line.lost for line in lines))
+        self.assertLessEqual(10000 - refused, lost)
         # SDCM's own backlog has an end: answers that it does not fetch in time are lost, and that is said.
         records = self.got("sdcm")
         self.assertEqual({record.data for record in records}, {result(7, asked, 1)})
-        if len(records) < 10000:
+        if len(records) < 10000 and not lost:
             self.expect_log("sdcm does not read: its backlog is full, packets to it are lost")
+
+    def settle_flood(self):
+        """The log may lose lines, that of the last request too: it is repeated."""
+        for _ in range(20):
+            try:
+                return self.settle_requests(3)
+            except self.failureException:
+                pass
+        return self.settle_requests()
 
 
 if __name__ == "__main__":

@@ -111,7 +111,7 @@ class ComingAndGoing(Ports):
                                 "00000000 01000000 02000000 02000000")
         texts = b"R58M1234567".ljust(64, b"\0") + b"Galaxy".ljust(64, b"\0") + b"SAMSUNG".ljust(64, b"\0") + \
             phone[0].devpath.encode().ljust(128, b"\0")
-        self.assertEqual([record.data for record in self.got("sdcm")], [numbers + texts])
+        self.assertEqual([record.data for record in self.await_records("sdcm", 1)], [numbers + texts])
 
     def test_an_iphone_a_player_and_a_stick_are_told_to_sdcm_only(self):
         for nodes, dev_type, usb_class, modes in (
@@ -271,7 +271,7 @@ class Requests(Ports):
         self.ask(request(CP, phone[0], devid="phone-1", result=77))
         answer = bytes.fromhex("00000000 07000000 01 00 e804 6068") + b"R58M1234567".ljust(64, b"\0") + \
             phone[0].devpath.encode().ljust(128, b"\0") + b"phone-1".ljust(32, b"\0") + bytes.fromhex("0000 01000000")
-        self.assertEqual([record.data for record in self.got("sdcm")], [answer])
+        self.assertEqual([record.data for record in self.await_records("sdcm", 1)], [answer])
 
     def test_a_phone_that_does_not_answer_cannot_be_switched(self):
         phone = self.plug(board.phone())

@@ -270,5 +270,5 @@ def link(target, path):
 def remove(path):
     if os.path.islink(path) or os.path.isfile(path):
         os.unlink(path)
-    elif os.path.isdir(path):
-        shutil.rmtree(path)
+    while os.path.isdir(path):      # a command of the service may put a file into it meanwhile
+        shutil.rmtree(path, ignore_errors=True)

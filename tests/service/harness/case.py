@@ -195,7 +195,7 @@ class ServiceCase(unittest.TestCase):
     def expect(self, receiver, *expected):
         """The receiver got exactly these records since the mark, in this order. Wait until all is settled first."""
         wanted = [usbrecords.decode(receiver, one) if isinstance(one, bytes) else one for one in expected]
-        got = self.got(receiver)
+        got = self.peers.wait(receiver, len(wanted), self.records_from, 5)
         if got != wanted:
             self.fail(f"{receiver} got\n  " + "\n  ".join(map(str, got)) + "\nbut was to get\n  " +
                       "\n  ".join(map(str, wanted)))
