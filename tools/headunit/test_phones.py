@@ -85,11 +85,15 @@ class Descriptions(unittest.TestCase):
 
 
 class Machine(unittest.TestCase):
+    """One boot serves all the classes made of this one."""
+    unit = None
+
     @classmethod
     def setUpClass(cls):
-        cls.unit = HeadUnit()
-        cls.addClassCleanup(cls.unit.close)
-        cls.unit.__enter__()
+        if Machine.unit is None:
+            unit = HeadUnit()
+            unittest.addModuleCleanup(unit.close)
+            Machine.unit = unit.__enter__()
 
     def setUp(self):
         self.addCleanup(self.unit.reset)
@@ -179,7 +183,8 @@ class Phones(Machine):
 
     def test_each_answer_can_be_another_one(self):
         phone = self.plug("1.2", Phone("android", answers={
-            "protocol": b"\1", "description": "stall", "mine": {"type": IN, "request": 9, "value": 7, "answer": b"me"}}))
+            "protocol": b"\1", "description": "stall",
+            "mine": {"type": IN, "request": 9, "value": 7, "answer": b"me"}}))
         self.assertEqual(self.request("1.2", IN, PROTOCOL, content=2), "01")
         self.assertEqual(self.request("1.2", OUT, TEXT, index=1, content="00"), "")
         self.assertEqual(self.request("1.2", OUT, TEXT, index=2, content="00"), "request: Broken pipe")
@@ -379,7 +384,8 @@ class Power(Machine):
     """3 written to ka_hub_control cuts the power of the selected port, 4 restores it."""
 
     def test_a_power_cut_brings_the_phone_back_as_it_was_first(self):
-        phone = self.plug("1.2", Phone("android", answers={"protocol": [b"\2\0", b"\1"]}))
+        phone = self.plug("1.2", Phone("android", answers={"protocol": [b"\2\0", b"\1"]},
+                                       returns=["accessory", "never"]))
         self.switch("1.2")
         phone.wait("came accessory")
         self.configured(phone, "1.2", since=phone.mark())
@@ -394,7 +400,7 @@ class Power(Machine):
         self.unit.hub_control(2, 4)
         self.configured(phone, "1.2", since=place)
         self.assertEqual(self.ids("1.2"), "18d1:4ee7")
-        self.switch("1.2")           # its first answer again
+        self.switch("1.2")           # its first answer again, and its first return
         phone.wait("came accessory", since=place)
 
     def test_a_cut_ends_the_phones_way_back(self):
@@ -484,7 +490,8 @@ class Functions(Machine):
         self.unit.wait_path("/dev/hidraw0")
         self.unit.configure("1.1", 2)
         self.unit.wait_path("/dev/ttyACM0")
-        self.assertEqual(self.unit.sh("echo hello > /dev/ttyACM0; (timeout 0.5 head -c 1 /dev/ttyACM0 | wc -c) 2> /dev/null"), "0")
+        self.unit.run("echo hello > /dev/ttyACM0")
+        self.assertEqual(self.unit.sh("(timeout 0.5 head -c 1 /dev/ttyACM0 | wc -c) 2> /dev/null"), "0")
         self.unit.configure("1.1", 1)
         self.unit.wait_path("/dev/ttyACM0", present=False)
         self.assertNotIn("left", [event.what for event in phone.events()])
@@ -517,13 +524,21 @@ class Functions(Machine):
 
 class End(unittest.TestCase):
     def test_no_program_outlives_the_machine(self):
+        before = own_programs()
         for kill in (False, True):
             with HeadUnit() as unit:
                 unit.plug("1.1", Phone("android")).wait("configured 1")
-                self.assertEqual(len(own_programs()), 1)
+                self.assertEqual(len(own_programs()), len(before) + 1)
                 if kill:
                     unit._qemu.kill()
-            self.assertEqual(own_programs(), [])
+            self.assertEqual(own_programs(), before)
+
+    def test_a_program_that_fails_is_told_when_the_phone_is_pulled(self):
+        with HeadUnit() as unit:
+            phone = unit.plug("1.1", Phone("android"))
+            phone._program.kill()
+            with self.assertRaisesRegex(HeadUnitError, "its program has ended with -9"):
+                unit.unplug(phone)
 
     def test_a_program_ends_when_nobody_can_command_it_any_more(self):
         phone = Phone("android")

@@ -150,7 +150,9 @@ class Phone(Device):
         # The device takes the connection along, unless it was never made.
         if any(one["label"] == self.properties["chardev"] for one in qmp.call("query-chardev")):
             qmp.call("chardev-remove", id=self.properties["chardev"])
-        self.end()
+        status = self.end()
+        if status:
+            raise HeadUnitError(f"{self}: its program has ended with {status}" + self._heard())
 
     def _start(self):
         program = os.environ.get("HEADUNIT_PHONE") or PROGRAM
@@ -173,20 +175,22 @@ class Phone(Device):
             raise
 
     def end(self):
-        """Ends the program, be it that the machine is gone."""
+        """Ends the program, be it that the machine is gone. How it ended: 0 unless something was wrong."""
+        status = None
         if self._program:
             self._program.stdin.close()
             try:
-                self._program.wait(5)
+                status = self._program.wait(5)
             except subprocess.TimeoutExpired:
                 self._program.kill()
-                self._program.wait(5)
+                status = self._program.wait(5)
             self._reader.join(5)
             self._program.stdout.close()
             self._program = None
         if self._folder:
             shutil.rmtree(self._folder, ignore_errors=True)
             self._folder = None
+        return status
 
     # ---- the program's lines ----
 

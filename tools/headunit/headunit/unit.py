@@ -249,7 +249,10 @@ class HeadUnit:
         (self._dark.discard if on else self._dark.add)(port)
         for device in self._plugged:
             if f"{device.port}.".startswith(port + "."):
-                device.power(on)
+                try:
+                    device.power(on)
+                except HeadUnitError as error:
+                    self._errors.append(str(error))
 
     def _tell(self, line):
         try:
