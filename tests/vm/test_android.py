@@ -17,6 +17,7 @@ class Switched(AndroidRoad):
         phone = self.plugged()
         self.switched(AA, "STATE_AA_CHANGING", "STATE_AA")
         self.assertEqual(self.timers(), STARTED + LEFT_FOR_A_WHILE + RETURNED)
+        self.assert_log("UpdateNode: devtype:", times=0)    # Deliberate: the accessory is not recorded.
         self.assertEqual(saw(phone), [PROTOCOL] + START_AA)
         self.pulled_in("STATE_AA", phone)
 

@@ -71,25 +71,33 @@ class Pulled(AndroidRoad):
 
 
 class TwoEqualPhones(AndroidRoad):
-    def each_is_switched_on_its_own_port(self, serials):
+    """Their ids are the same: only the port tells which one is meant."""
+
+    def plugged_both(self, serials):
         on_1, on_2 = [dataclasses.replace(ANDROID, port=port, serial=serial) for port, serial in enumerate(serials, 1)]
         self.start()
         first = self.plugged(on_1, "1.1", serial=on_1.serial)
         second = self.plugged(on_2, "1.2", serial=on_2.serial)
-        self.switched(AA, "STATE_AA_CHANGING", "STATE_AA", on_2)
-        self.went(1)
-        self.assertEqual((saw(first), saw(second)), ([PROTOCOL], [PROTOCOL] + START_AA))
-        self.switched(ANDROID_CARLIFE, "STATE_CL_CHANGING", "STATE_CL", on_1)
-        self.went(2)
-        self.assertEqual((saw(first), saw(second)), ([PROTOCOL] + START_CARLIFE, [PROTOCOL] + START_AA))
-        self.pulled_in("STATE_CL", first, as_accessory(on_1))
-        self.pulled_in("STATE_AA", second, as_accessory(on_2))
+        return (first, on_1), (second, on_2)
 
-    def test_with_serials_of_their_own(self):
-        self.each_is_switched_on_its_own_port(["FIRST", "SECOND"])
+    def each_is_switched_on_its_own_port(self, one, other):
+        (phone, device), (other_phone, other_device) = one, other
+        self.switched(AA, "STATE_AA_CHANGING", "STATE_AA", device)
+        self.went(other_device.port)
+        self.assertEqual((saw(phone), saw(other_phone)), ([PROTOCOL] + START_AA, [PROTOCOL]))
+        self.switched(ANDROID_CARLIFE, "STATE_CL_CHANGING", "STATE_CL", other_device)
+        self.went(device.port)
+        self.assertEqual((saw(phone), saw(other_phone)), ([PROTOCOL] + START_AA, [PROTOCOL] + START_CARLIFE))
+        self.pulled_in("STATE_AA", phone, as_accessory(device))
+        self.pulled_in("STATE_CL", other_phone, as_accessory(other_device))
 
-    def test_with_the_same_serial(self):
-        self.each_is_switched_on_its_own_port(["SAME", "SAME"])
+    def test_with_serials_of_their_own_the_first_is_switched_before_the_second(self):
+        first, second = self.plugged_both(["FIRST", "SECOND"])
+        self.each_is_switched_on_its_own_port(first, second)
+
+    def test_with_the_same_serial_the_second_is_switched_before_the_first(self):
+        first, second = self.plugged_both(["SAME", "SAME"])
+        self.each_is_switched_on_its_own_port(second, first)
 
 
 class BehindAHub(AndroidRoad):
