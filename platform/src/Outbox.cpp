@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <new>
 
 #include "Log.h"
@@ -26,7 +27,8 @@ constexpr std::size_t kBacklogBytes = 1024 * 1024;
 constexpr std::size_t kTapBacklogRecords = 1024;
 constexpr std::size_t kTapBacklogBytes = 1024 * 1024;
 
-constexpr unsigned int kMaxRecordBytes = 64 * 1024;       // far above every record of the unit
+constexpr unsigned int kMaxRecordBytes = 64 * 1024;  // far above every record of the unit
+constexpr std::uint64_t kNever = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t kTapRetryNs = 100 * 1000 * 1000;  // absent: asked again with a record after this time
 constexpr int kConnectRetryMs = 100;                      // a receiver that listens but does not accept
 constexpr int kTurn = 256;              // records to one receiver before the next has its turn
@@ -37,8 +39,9 @@ struct KnownReceiver {
     const char* name;
 };
 constexpr KnownReceiver kKnownReceivers[] = {
-    {0x0000000000000200, "voltage"}, {0x0000000000800000, "media"}, {0x0000000002000000, "navi"},
-    {0x0000004000000000, "speech"},  {0x0000040000000000, "test"},  {0x0800000000000000, "diag"},
+    {0x0000000000000200, "voltage"}, {0x0000000000001000, "usb"},    {0x0000000000800000, "media"},
+    {0x0000000002000000, "navi"},    {0x0000004000000000, "speech"}, {0x0000040000000000, "test"},
+    {0x0800000000000000, "diag"},
 };
 
 std::string NameOf(std::uint64_t mask) {
@@ -78,8 +81,11 @@ std::shared_ptr<Outbox> Outbox::Shared() {
     return outbox;
 }
 
-Outbox::Outbox()
-    : m_root(RootFolder()), m_tap("tap", m_root + "/tap", 0, kTapBacklogBytes, kTapBacklogRecords) {
+Outbox::Outbox(std::string sender, E_TAP tap)
+    : m_root(RootFolder()),
+      m_sender(std::move(sender)),
+      m_tap("tap", m_root + "/tap", 0, kTapBacklogBytes, kTapBacklogRecords),
+      m_tap_from_ns(tap == SHOWN ? 0 : kNever) {
     m_epoll = epoll_create1(EPOLL_CLOEXEC);
     m_event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     epoll_event event{};
@@ -137,8 +143,8 @@ Outbox::Channel* Outbox::ChannelOf(unsigned position) {
     if (!channel) {
         const std::uint64_t mask = position == kSdcmPosition ? 0 : std::uint64_t{1} << position;
         const std::string name = position == kSdcmPosition ? "sdcm" : NameOf(mask);
-        channel.reset(new (std::nothrow)
-                          Channel(name, m_root + "/" + name + "/usb", mask, kBacklogBytes, kBacklogRecords));
+        channel.reset(new (std::nothrow) Channel(name, m_root + "/" + name + "/" + m_sender, mask,
+                                                 kBacklogBytes, kBacklogRecords));
     }
     return channel.get();
 }
@@ -174,8 +180,10 @@ void Outbox::Show(kipc::E_TAP_DIRECTION direction, kipc::E_TAP_OUTCOME outcome, 
     head.length = static_cast<std::uint32_t>(len);
     head.direction = direction;
     head.outcome = outcome;
-    std::snprintf(head.sender, sizeof head.sender, "%s", direction == kipc::TAP_IN ? other : "usb");
-    std::snprintf(head.receiver, sizeof head.receiver, "%s", direction == kipc::TAP_IN ? "usb" : other);
+    std::snprintf(head.sender, sizeof head.sender, "%s",
+                  direction == kipc::TAP_IN ? other : m_sender.c_str());
+    std::snprintf(head.receiver, sizeof head.receiver, "%s",
+                  direction == kipc::TAP_IN ? m_sender.c_str() : other);
     bool begins_burst = false;
     {
         std::lock_guard lock(m_mutex);

@@ -27,7 +27,10 @@ public:
     // The process's one, made when nobody holds it.
     static std::shared_ptr<Outbox> Shared();
 
-    Outbox();
+    // The process's name for its receivers, who hear it at `<root>/<receiver>/<sender>`. A process that only
+    // passes on what others say stays off the tap.
+    enum E_TAP { SHOWN, HIDDEN };
+    explicit Outbox(std::string sender = "usb", E_TAP tap = SHOWN);
     ~Outbox();  // what can be sent without waiting is sent
     Outbox(const Outbox&) = delete;
     Outbox& operator=(const Outbox&) = delete;
@@ -88,10 +91,11 @@ private:
     void LeaveTap();
 
     const std::string m_root;
+    const std::string m_sender;
     std::mutex m_mutex;                                   // never held over a system call
     std::array<std::unique_ptr<Channel>, 65> m_channels;  // by bit; the last is sdcm; null until first used
     Channel m_tap;
-    std::atomic<std::uint64_t> m_tap_from_ns{0};  // not shown before: the tap was absent a moment ago
+    std::atomic<std::uint64_t> m_tap_from_ns;  // not shown before: the tap was absent a moment ago
     std::atomic<bool> m_woken{false};
     std::atomic<bool> m_stopping{false};
     int m_epoll = -1;  // owned

@@ -18,8 +18,7 @@ namespace shm {
 namespace {
 
 constexpr const char* kDriver = "/dev/css";
-constexpr std::uint32_t kPayloadMost = 26624;  // what the driver takes
-constexpr std::uint32_t kBufferMost = 27136;   // and the buffer for it
+constexpr std::uint32_t kPayloadMost = 26624;  // fits a buffer of kCssBufferMost
 constexpr std::uint32_t kBufferGranule = 512;  // the driver's buffers are multiples of this
 
 }  // namespace
@@ -29,7 +28,7 @@ SendLengths set_lengths(std::size_t characters) {
     if (payload > kPayloadMost) {
         // Deliberate: on standard output, unlike the store's other lines.
         std::printf("[%s]size overflow len : %u\n", __func__, static_cast<unsigned int>(payload));
-        return {kPayloadMost, kBufferMost};
+        return {kPayloadMost, kCssBufferMost};
     }
     const std::size_t buffer = (payload + 1 + kBufferGranule - 1) / kBufferGranule * kBufferGranule;
     return {static_cast<std::uint32_t>(payload), static_cast<std::uint32_t>(buffer)};

@@ -29,6 +29,7 @@ struct CssRequest {
     std::uint32_t size;       // bytes of the buffer
     const char* buffer;
 };
+inline constexpr std::uint32_t kCssBufferMost = 27136;  // what the driver takes
 static_assert(sizeof(CssRequest) == 40);
 static_assert(offsetof(CssRequest, receivers) == 8);
 static_assert(offsetof(CssRequest, unused2) == 16);
