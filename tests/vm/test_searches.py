@@ -3,10 +3,16 @@
 import dataclasses
 
 from asking import CHARGING, AskingRoad, HUB_ON_2
-from phones import AA, ANDROID, ANDROID_CARLIFE, APPLE_CARLIFE, CARPLAY, IPHONE, answered, as_accessory
-from road import (APPLE_SHUTTLE, ATTACH, ATTACHED, Hub, Keyboard, MTP, Mtp, NOT_SUPPORTED, Plugged, Stick, UNKNOWN,
-                  Volume, attached, came, device_told, event_told, hub_came, left, main, mounted, together)
+from phones import (AA, ANDROID, ANDROID_CARLIFE, APPLE_CARLIFE, CARPLAY, IPHONE, MIRRORLINK, RESET, answered,
+                    as_accessory, left_the_bus)
+from road import (APPLE_SHUTTLE, ATTACH, ATTACHED, DETACHED, Hub, Keyboard, MTP, Mtp, NOT_SUPPORTED, PHONE, Plugged,
+                  Stick, UNKNOWN, Volume, attached, came, device_told, event_told, hub_came, left, main, mounted,
+                  together)
 from headunit import Phone
+
+# Phone("mirrorlink") with its network function.
+NETWORK = Plugged(port=2, vid=0x04E8, pid=0x6863, dev_type=PHONE, interface=(2, 6, 0), serial="4DF1A2B3C4D5E6F7",
+                  product="GT-I9300", manufacturer="SAMSUNG")
 
 
 class Searches(AskingRoad):
@@ -115,13 +121,86 @@ class Searches(AskingRoad):
         self.run_mode(ANDROID_CARLIFE, ANDROID, "STATE_CL", as_accessory(ANDROID))
         self.search(refused=["port2 STATE_CL, so not send"])
 
-    def test_nothing_is_told_of_a_phone_that_is_between_two_states(self):
+    def test_nothing_is_told_of_a_phone_that_has_a_network_function(self):
         self.start()
+        self.unit.plug("1.2", Phone("mirrorlink", starts="network"))
+        self.told(came(NETWORK))
+        self.run_mode(MIRRORLINK, NETWORK, "STATE_ML")
+        self.search(refused=["port2 STATE_ML, so not send"])
+
+    def test_nothing_is_told_of_a_phone_that_is_changing(self):
+        first = dataclasses.replace(ANDROID, port=1)
+        self.start()
+        self.plug_android(first, returns=["stays"])
         self.plug_android(returns=["stays"])
-        self.ask(AA, ANDROID)
-        self.unit.wait_log("->STATE_AA_CHANGING", since=self._heard)
+        since = self.unit.mark()
+        self.ask(AA, first)
+        self.ask(ANDROID_CARLIFE, ANDROID)
+        self.unit.wait_log("->STATE_CL_CHANGING", since=since)
         self.told()
-        self.search(refused=["port2 STATE_AA_CHANGING, so not send"])
+        self.search(refused=["port1 STATE_AA_CHANGING, so not send", "port2 STATE_CL_CHANGING, so not send"])
+
+    def test_nothing_is_told_of_a_phone_that_changes_to_mirrorlink(self):
+        phone = dataclasses.replace(NETWORK, pid=0x6860, interface=(0xFF, 0x42, 0x01))
+        self.start()
+        self.unit.plug("1.2", Phone("mirrorlink", returns=["stays"]))
+        self.told(came(phone))
+        self.ask(MIRRORLINK, phone)
+        self.unit.wait_log("->STATE_ML_CHANGING", since=self._heard)
+        self.told()
+        self.search(refused=["port2 STATE_ML_CHANGING, so not send"])
+
+    def test_nothing_is_told_of_iphones_that_are_reset_and_do_not_leave(self):
+        first = dataclasses.replace(CHARGING, port=1, serial="FIRST")
+        self.start_without_two_port_hub()
+        self.plug_iphone()
+        self.plug_charging(first)
+        self.run_mode(CARPLAY, IPHONE, "STATE_CP_CHANGING")
+        self.run_mode(APPLE_CARLIFE, first, "STATE_CL")
+        self.run_mode(RESET, IPHONE, "STATE_CP_RESETTING")
+        self.run_mode(RESET, first, "STATE_CL_RESETTING")
+        self.search(refused=["port1 STATE_CL_RESETTING, so not send", "port2 STATE_CP_RESETTING, so not send"])
+
+    def test_nothing_is_told_of_a_phone_that_is_reset_from_android_auto(self):
+        self.start()
+        phone = self.plug_android()
+        self.run_mode(AA, ANDROID, "STATE_AA", as_accessory(ANDROID))
+        self.search_in_reset(phone, as_accessory(ANDROID), "STATE_AA", "STATE_AA_RESETTING")
+
+    def test_nothing_is_told_of_a_phone_that_is_reset_from_carlife(self):
+        self.start()
+        phone = self.plug_android()
+        self.run_mode(ANDROID_CARLIFE, ANDROID, "STATE_CL", as_accessory(ANDROID))
+        self.search_in_reset(phone, as_accessory(ANDROID), "STATE_CL", "STATE_CL_RESETTING")
+
+    def test_nothing_is_told_of_a_phone_that_is_reset_from_mirrorlink(self):
+        self.start()
+        phone = self.unit.plug("1.2", Phone("mirrorlink", starts="network"))
+        self.told(came(NETWORK))
+        self.run_mode(MIRRORLINK, NETWORK, "STATE_ML")
+        self.search_in_reset(phone, NETWORK, "STATE_ML", "STATE_ML_RESETTING")
+
+    def search_in_reset(self, phone, device, running, resetting):
+        """It is pulled meanwhile, so that there are three seconds for both searches."""
+        since = self.unit.mark()
+        self.ask(RESET, device)
+        self.unit.wait_board("port 2 off")
+        self.unit.unplug(phone)
+        self.unit.wait_log("->" + resetting, since=since)
+        self.search_from_sdcm()
+        self.search_from_media()
+        self.told(left_the_bus(), answered(RESET, device), event_told(device, DETACHED))
+        self.went(2, running, resetting, "STATE_DETACH")
+        self.assert_log(f"port2 {resetting}, so not send$", times=2)
+
+    def test_nothing_is_told_of_an_iphone_in_carplay(self):
+        second = dataclasses.replace(IPHONE, port=1, serial="SECOND")
+        self.start()
+        self.plug_iphone()
+        self.run_mode(CARPLAY, IPHONE, "STATE_CP_CHANGING")
+        self.plug_iphone(second, starts="carplay")    # with a tty, which is all that CarPlay waits for
+        self.search(sdcm=event_told(second, ATTACHED), media=device_told(second, ATTACH, 0, second.dev_type),
+                    refused=["port2 STATE_CP, so not send"])
 
     def test_a_phone_behind_a_hub_is_not_found(self):
         self.start()
