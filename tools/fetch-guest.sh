@@ -63,11 +63,14 @@ Versioned() {
     printf '%s\n' "$name"
 }
 
-kernel= headers= programs=()
+# What a -dev package depends on is not taken: the C library's own files for building come with the cross compiler, and
+# a second set of them beside the libraries would be found first. The library itself is in the list, too.
+kernel= headers= programs=() develop=()
 for package in "${wanted[@]}"; do
     case $package in
     linux-image-*) kernel=$(Versioned "$package") ;;
     linux-headers-*) headers=$(Versioned "$package") ;;
+    *-dev) develop+=("$package") ;;
     *) programs+=("$package") ;;
     esac
 done
@@ -80,6 +83,7 @@ common=linux-headers-${release%-arm64}-common
 mapfile -t closure < <(apt-get -qq -s --no-install-recommends install "${programs[@]}" |
                        awk '$1 == "Inst" { print $2 }')
 [ "${#closure[@]}" -ge "${#programs[@]}" ] || fail "dependencies of ${programs[*]} cannot be resolved"
+closure+=("${develop[@]}")
 
 step "downloading $kernel, its headers and ${#closure[@]} packages"
 (cd "$cache/debs" && apt-get -qq download "$kernel" "$headers" "$common" "${closure[@]}") ||
@@ -99,6 +103,10 @@ mkdir -p "$cache/arm64"/usr/{bin,sbin,lib} "$cache/kernel"
 ln -s usr/bin usr/sbin usr/lib "$cache/arm64/"
 for package in "${closure[@]}"; do Unpack "$package" "$cache/arm64"; done
 for package in "$kernel" "$headers" "$common"; do Unpack "$package" "$cache/kernel"; done
+# A link that begins at the root means the root of the package's own machine.
+find "$cache/arm64" -type l -lname '/*' -printf '%p\t%l\n' | while IFS=$'\t' read -r link target; do
+    ln -sfnr "$cache/arm64$target" "$link"
+done
 
 # The headers expect to live in /usr/src with linux-kbuild of the same architecture beside them: point them to where
 # they are, and to this machine's linux-kbuild.
