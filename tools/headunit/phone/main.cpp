@@ -21,11 +21,14 @@
 // byte, "-" for none:
 //
 //   <ns> listening                  the virtual machine may connect
-//   <ns> came MODE                  it is plugged in; the machine sees it 0.2 s after it left, at the
-//   earliest <ns> left <ns> cut, <ns> restored <ns> reset                      the bus was reset, as each
-//   enumeration begins <ns> configured N               SET_CONFIGURATION, 0 included <ns> transfer TYPE
-//   REQUEST VALUE INDEX <hex> ANSWER
-//                                   a control request that is no standard one, its setup in hexadecimal, the
+//   <ns> came MODE                  it is plugged in; the machine sees it 0.2 s after it left, at the earliest
+//   <ns> left
+//   <ns> cut
+//   <ns> restored
+//   <ns> reset                      the bus was reset, as each enumeration begins
+//   <ns> configured N               SET_CONFIGURATION, 0 included
+//   <ns> transfer TYPE REQUEST VALUE INDEX <hex> ANSWER
+//                                   a control request that is no standard one: its setup in hexadecimal, the
 //                                   bytes that it brought, and the answer: ok, stall, never, or <hex>
 //
 // Errors go to stderr, and the exit status is 1; 2 when the description is wrong.
