@@ -1,10 +1,12 @@
 #!/usr/bin/python3
-"""Builds the guest's initramfs into build/headunit/: busybox, kernel modules, the board's own, blkid, agent, service.
+"""Builds the guest's initramfs into build/headunit/: busybox, kernel modules, the board's own, blkid, agent, service,
+the driver of /dev/css.
 
     tools/headunit/make-image.py [--build build/arm64] [--output build/headunit]
 
-Needs what tools/fetch-guest.sh put into .cache, and the cross build in --build (its guest/agent, guest/usbcontrol, and
-usbservice/usbservice when it exists: without it the guest boots, but has no service). Needs no root.
+Needs what tools/fetch-guest.sh put into .cache, and the cross build in --build (its guest/agent, guest/usbcontrol, and when
+they exist usbservice/usbservice, platform/css/css and guest/settings: without them the guest boots, but has no service or
+no /dev/css). Needs no root.
 """
 import argparse
 import fcntl
@@ -32,11 +34,12 @@ MODULES = """
     hid-generic usbhid
     cdc-acm ftdi_sio
     cdc_ether rndis_host
+    cuse
     headunit_board xhci-plat-hcd
 """.split()
 
 # In the image, but loaded only by a test that wants them.
-SPARE_MODULES = "cuse hfsplus loop".split()
+SPARE_MODULES = "hfsplus loop".split()
 
 # Debian's busybox has more; these are what the service, init and the tests call.
 APPLETS = """
@@ -184,12 +187,13 @@ class Archive:
         self._file.close()
 
 
-def write_image(path, release, modules, agent, service):
+def write_image(path, release, modules, build):
     arm64 = CACHE / "arm64"
-    programs = {"usr/bin/blkid2": arm64 / "usr/sbin/blkid", "usr/bin/agent": agent,
-                "usr/bin/usbcontrol": agent.with_name("usbcontrol")}
-    if service.exists():
-        programs["usr/bin/usbservice"] = service
+    programs = {"usr/bin/blkid2": arm64 / "usr/sbin/blkid", "usr/bin/agent": build / "guest/agent",
+                "usr/bin/usbcontrol": build / "guest/usbcontrol"}
+    for program in ("usbservice/usbservice", "platform/css/css", "guest/settings"):
+        if (build / program).exists():
+            programs[f"usr/bin/{os.path.basename(program)}"] = build / program
     archive = Archive(path)
     for folder in "dev proc sys tmp run data root etc usr/bin usr/sbin usr/lib".split():
         archive.folder(folder)
@@ -240,8 +244,7 @@ def main():
         board = board_module(release, output / "board")
         module_tree(release, output / "modules", board)
         image = output / "initramfs.cpio"
-        has_service = write_image(image.with_suffix(".new"), release, output / "modules", agent,
-                                  arguments.build / "usbservice/usbservice")
+        has_service = write_image(image.with_suffix(".new"), release, output / "modules", arguments.build)
         image.with_suffix(".new").rename(image)
         kernel = output / "vmlinuz"
         kernel.unlink(missing_ok=True)
