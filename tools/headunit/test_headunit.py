@@ -68,9 +68,6 @@ class Unit(unittest.TestCase):
     def test_the_board_is_where_the_service_looks_for_it(self):
         self.assertEqual(self.unit.sh("cat /sys/devices/soc/soc:common_gpio_default/board_id"), "X53")
         self.assertEqual(self.unit.sh(f"cat {CONTROLLER}/ka_hub_temperature"), "1")
-        self.unit.board("overcurrent", 1 << 2)
-        ports = [self.unit.sh(f"cat {CONTROLLER}/usb1/1-1/1-1:1.0/1-1-port{port}/overcurrent") for port in (1, 2)]
-        self.assertEqual(ports, ["0", "1"])
 
     def test_the_selected_port_tells_whether_something_is_plugged_there(self):
         self.unit.plug("1.2", Keyboard())
@@ -155,6 +152,59 @@ class Unit(unittest.TestCase):
         self.unit.run(f"echo 1 > {CONTROLLER}/ka_hub_diag")
         self.assertEqual(self.unit.sh(f"cat {CONTROLLER}/ka_hub_diag"), "241")
         self.unit.run(f"echo 0 > {CONTROLLER}/ka_hub_diag")
+
+    def sensor(self, port):
+        return f"{CONTROLLER}/usb1/1-1/1-1:1.0/1-1-port{port}/overcurrent"
+
+    def sensors(self):
+        return [self.unit.sh(f"cat {self.sensor(port)}") for port in (1, 2)]
+
+    def test_the_sensors_read_an_over_current_until_as_many_writes_as_were_set(self):
+        self.assertEqual(self.sensors(), ["0", "0"])
+        self.unit.overcurrent(2)
+        self.assertEqual(self.sensors(), ["0", "1"])
+        self.unit.overcurrent(1, 2, clears={2: 2})
+        seen = []
+        for _ in range(3):
+            for port in (1, 2):
+                self.unit.run(f"echo 1 > {self.sensor(port)}")
+            seen.append(self.sensors())
+        self.assertEqual(seen, [["1", "1"], ["1", "0"], ["1", "0"]])
+        self.assertEqual([text for _, text in self.unit.board_lines() if "over" in text],
+                         ["1-1-port1/overcurrent <- 1", "1-1-port2/overcurrent <- 1"] * 3)
+
+    def test_a_write_to_its_sensor_gives_a_port_its_power_again(self):
+        self.unit.plug("1.1", Keyboard())
+        self.unit.wait_path(self.unit.usb_path("1.1") + "/1-1.1:1.0")
+        address = self.attribute("1.1", "devnum")
+        self.unit.run(f"echo 1 > {self.sensor(1)}")   # it had it
+        time.sleep(0.5)
+        self.assertEqual(self.attribute("1.1", "devnum"), address)
+        self.unit.hub_control(1, 3)
+        self.unit.wait_path(self.unit.usb_path("1.1"), present=False)
+        self.unit.run(f"echo 0 > {self.sensor(1)}")
+        time.sleep(0.5)
+        self.assertFalse(self.unit.exists(self.unit.usb_path("1.1")))
+        self.unit.run(f"echo 1 > {self.sensor(1)}")
+        self.unit.wait_path(self.unit.usb_path("1.1") + "/1-1.1:1.0")
+
+    def test_an_over_current_is_reported_as_often_as_it_is_asked_for(self):
+        count = "cat /sys/kernel/uevent_seqnum"
+        before = int(self.unit.sh(count))
+        self.unit.report_overcurrent(2)
+        self.unit.report_overcurrent(1, 1000)
+        self.assertEqual(int(self.unit.sh(count)) - before, 1001)
+        self.unit.unplug(self.unit.vehicle_hub)
+        self.unit.wait_path(self.unit.usb_path("1"), present=False)
+        with self.assertRaisesRegex(CommandFailed, "No such device"):
+            self.unit.report_overcurrent(1)
+
+    def test_the_supply_reads_what_was_set_one_after_another_and_stays_at_the_last(self):
+        reading = f"cat {CONTROLLER}/ka_hub_temperature"
+        self.unit.supply(0, 0, 1, 0)
+        self.assertEqual([self.unit.sh(reading) for _ in range(6)], ["0", "0", "1", "0", "0", "0"])
+        with self.assertRaisesRegex(CommandFailed, "Invalid argument"):
+            self.unit.board("temperature", "1,low")
 
     def test_the_vehicles_hub_has_its_ids_also_when_it_comes_again(self):
         self.assertIn("PRODUCT=424/4504/", self.attribute("1", "uevent"))

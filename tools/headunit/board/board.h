@@ -12,6 +12,9 @@ void board_controller_exit(void);
 void board_ports_appeared(struct device *hub_interface);
 void board_controller_sees_bus(struct bus_type *bus);
 
+/* A device of the USB bus by its name, to be put back; NULL: there is none. */
+struct device *board_usb_device(const char *name);
+
 /* identity.c: which ids and classes a device on a given port shows. */
 int board_identity_init(void);
 void board_identity_exit(void);
@@ -21,6 +24,9 @@ int board_power_init(struct device *gpio);
 void board_power_exit(void);
 int board_port_power(int port, bool on);
 void board_power_ports_appeared(void);
+
+/* overcurrent.c: the sensor of one port of the hub. */
+int board_overcurrent_add(struct device *port);
 
 /* disk.c: the attribute "disk_partno" of USB disks. */
 int board_disk_init(void);

@@ -14,17 +14,34 @@
 
 #include "board.h"
 
-static int temperature = 1;
-module_param(temperature, int, 0644);
-MODULE_PARM_DESC(temperature, "reading of ka_hub_temperature: 0 low, else high");
+/* As get_options() gives them: how many, then the readings. The last one stays. */
+static int temperatures[1 + 128] = { 1, 1 };
+static int next_temperature = 1;
+
+static int temperature_set(const char *text, const struct kernel_param *param)
+{
+	int readings[ARRAY_SIZE(temperatures)];
+	const char *rest = get_options(text, ARRAY_SIZE(readings), readings);
+
+	if (readings[0] == 0 || *skip_spaces(rest))
+		return -EINVAL;
+	memcpy(temperatures, readings, sizeof(readings));
+	next_temperature = 1;
+	return 0;
+}
+
+static int temperature_get(char *buffer, const struct kernel_param *param)
+{
+	return sysfs_emit(buffer, "%d\n", temperatures[next_temperature]);
+}
+
+static const struct kernel_param_ops temperature_ops = { .set = temperature_set, .get = temperature_get };
+module_param_cb(temperature, &temperature_ops, NULL, 0644);
+MODULE_PARM_DESC(temperature, "next readings of ka_hub_temperature, with commas between; 0 low, else high");
 
 static int diag_result = 0xF0;
 module_param(diag_result, int, 0644);
 MODULE_PARM_DESC(diag_result, "reading of ka_hub_diag after a self-test was started; 240: four sockets in order");
-
-static unsigned int overcurrent;
-module_param(overcurrent, uint, 0644);
-MODULE_PARM_DESC(overcurrent, "bit n: reading of 1-1-port<n>/overcurrent");
 
 static struct device *board_dwc3;
 static struct bus_type *board_bus;
@@ -58,16 +75,19 @@ static ssize_t remember(const char *name, int *number, const char *buf, size_t c
 		return sysfs_emit(buf, "%d\n", _expression);                                           \
 	}
 
+struct device *board_usb_device(const char *name)
+{
+	return board_bus ? bus_find_device_by_name(board_bus, NULL, name) : NULL;
+}
+
 /* 1 when a device hangs on the selected port of the board's hub. */
 static int port_is_taken(void)
 {
 	char name[16];
 	struct device *dev;
 
-	if (!board_bus)
-		return 0;
 	snprintf(name, sizeof(name), "1-1.%d", port_sel);
-	dev = bus_find_device_by_name(board_bus, NULL, name);
+	dev = board_usb_device(name);
 	put_device(dev);
 	return dev ? 1 : 0;
 }
@@ -101,7 +121,17 @@ static DEVICE_ATTR_RW(ka_hub_diag);
 BOARD_SHOWN(ka_hub_port_status, port_is_taken())
 static DEVICE_ATTR_RO(ka_hub_port_status);
 
-BOARD_SHOWN(ka_hub_temperature, temperature)
+static ssize_t ka_hub_temperature_show(struct device *dev, struct device_attribute *attr, char *buf)
+{
+	int reading;
+
+	kernel_param_lock(THIS_MODULE);
+	reading = temperatures[next_temperature];
+	if (next_temperature < temperatures[0])
+		next_temperature++;
+	kernel_param_unlock(THIS_MODULE);
+	return sysfs_emit(buf, "%d\n", reading);
+}
 static DEVICE_ATTR_RO(ka_hub_temperature);
 
 static struct attribute *board_hub_attrs[] = {
@@ -115,23 +145,13 @@ static struct attribute *board_hub_attrs[] = {
 };
 ATTRIBUTE_GROUPS(board_hub);
 
-static ssize_t overcurrent_show(struct device *dev, struct device_attribute *attr, char *buf)
-{
-	unsigned int port;
-
-	if (sscanf(dev_name(dev), "1-1-port%u", &port) != 1 || port > 31)
-		return -ENODEV;
-	return sysfs_emit(buf, "%u\n", (overcurrent >> port) & 1);
-}
-static DEVICE_ATTR_RO(overcurrent);
-
 static int add_overcurrent(struct device *port, void *unused)
 {
 	int error;
 
 	if (strncmp(dev_name(port), "1-1-port", strlen("1-1-port")) != 0)
 		return 0;
-	error = device_create_file(port, &dev_attr_overcurrent);
+	error = board_overcurrent_add(port);
 	if (error)
 		dev_err(port, "no attribute overcurrent: %d\n", error);
 	return 0;

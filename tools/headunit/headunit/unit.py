@@ -511,6 +511,23 @@ class HeadUnit:
             if not self._changed.wait_for(lambda: not self._dark, 20):
                 raise HeadUnitError(f"no power at {self._dark}" + self._heard())
 
+    def overcurrent(self, *ports, clears=None):
+        """The sensors of these ports read an over-current from now on, the others none. Nobody is told.
+
+        clears: {1: 3} ends it on port 1 with the third write to its attribute. The others stay.
+        """
+        clears = clears or {}
+        self.board("overcurrent_clears", f"{clears.get(1, 0)},{clears.get(2, 0)}")
+        self.board("overcurrent", sum(1 << port for port in ports))
+
+    def report_overcurrent(self, port, times=1):
+        """The host driver's event of the vehicle's hub, so many times without a pause."""
+        self.board("report_overcurrent", f"{port} {times}")
+
+    def supply(self, *readings):
+        """What the service reads next of the hub's supply, once a second: 0 low, 1 high. The last one stays."""
+        self.board("temperature", ",".join(map(str, readings)))
+
     def configure(self, port, number):
         """Chooses another configuration of a device: an iPhone's second one brings its modem."""
         self.run(f"echo {number} > {self.usb_path(port)}/bConfigurationValue")
@@ -538,7 +555,7 @@ class HeadUnit:
         self.wait_no(f"{CONTROLLER}/usb1/1-1/1-1.* /sys/block/sd*")
         self.restore_power()
         self.run(f"cd {BOARD} && echo - > rewrite && echo 0 > disk_partno && echo 0 > overcurrent && "
-                 "echo 1 > temperature && echo 240 > diag_result && "
+                 "echo 0,0 > overcurrent_clears && echo 1 > temperature && echo 240 > diag_result && "
                  "echo 0 > /sys/module/block/parameters/events_dfl_poll_msecs")
         with self._changed:
             self._records.clear()
