@@ -21,7 +21,7 @@
 // byte, "-" for none:
 //
 //   <ns> listening                  the virtual machine may connect
-//   <ns> came MODE                  it is plugged in; the machine sees it 0.2 s after it left, at the earliest
+//   <ns> came MODE                  it is plugged in; the machine sees it 0.2 s after it left or later
 //   <ns> left
 //   <ns> cut
 //   <ns> restored
