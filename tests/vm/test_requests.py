@@ -1,7 +1,6 @@
 #!/usr/bin/python3
 """Requests that are refused or not answered, and what the engineering menu asks of a port."""
 import dataclasses
-import struct
 
 from asking import CHARGING, AskingRoad
 from phones import (AA, ANDROID, ANDROID_CARLIFE, APPLE_CARLIFE, CARPLAY, FAILED, IPHONE, MIRRORLINK, RESET, answered,
@@ -158,13 +157,11 @@ class WrongRequests(AskingRoad):
 
 class EngineeringMenu(AskingRoad):
     def change(self, test1=0, test2=0, mode1=0, mode2=0):
-        """Another process writes the record and tells the service."""
-        data = struct.pack("<5I", 16, test1, test2, mode1, mode2)
-        text = "".join(f"\\{byte:03o}" for byte in data)
-        self.unit.run(f"printf '{text}' > /dev/shm/shm_usb_cert.new && "
-                      "dd if=/dev/shm/shm_usb_cert.new of=/dev/shm/shm_usb_cert conv=notrunc 2>/dev/null")
+        """What the menu's process writes; returns what the board hears of it."""
         begin = self.unit.now()
-        self.unit.send("settings", usbrecords.setting_changed("shm_usb_cert"))
+        since = self.unit.mark()
+        self.unit.run(f"settings write shm_usb_cert {test1} {test2} {mode1} {mode2}")
+        self.unit.wait_log(f">{test1} test_force_enable2:", since=since)
         self.told()
         return [text for _, text in self.unit.board_lines(begin)]
 
