@@ -4,12 +4,12 @@
 #   tools/build.sh test   [TARGET...]   the same with the tests and their sanitized variants
 #   tools/build.sh arm64  [TARGET...]   for the head unit's processor (needs tools/fetch-guest.sh)
 #   tools/build.sh fuzz   [TARGET...]   fuzz targets, by clang
-# Without targets the service alone is built. Prints the end of the build's output when it fails.
+# Without targets the service and the driver of /dev/css are built. Prints the end of the build's output when it fails.
 set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
 tree=$1
 shift
-[ $# -gt 0 ] || set -- usbservice
+[ $# -gt 0 ] || set -- usbservice css
 
 case $tree in
 native) options="-DUSB_TESTS=OFF" ;;
