@@ -4,9 +4,9 @@ the driver of /dev/css.
 
     tools/headunit/make-image.py [--build build/arm64] [--output build/headunit]
 
-Needs what tools/fetch-guest.sh put into .cache, and the cross build in --build (its guest/agent, guest/usbcontrol, and when
-they exist usbservice/usbservice, platform/css/css and guest/settings: without them the guest boots, but has no service or
-no /dev/css). Needs no root.
+Needs what tools/fetch-guest.sh put into .cache, and the cross build in --build: its guest/agent, guest/usbcontrol, and
+when they exist usbservice/usbservice, platform/css/css and guest/settings (without them the guest boots, but has no
+service or no /dev/css). Needs no root.
 """
 import argparse
 import fcntl
