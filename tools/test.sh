@@ -32,7 +32,8 @@ case $label in "" | vm)
     ;;
 esac
 
-# Tests that need the machine for themselves say so (RUN_SERIAL); the rest share the processors.
+# Tests that need the machine for themselves say so (RUN_SERIAL); the rest share the processors, two at a time on each,
+# since the roads of the virtual head unit mostly wait.
 select=()
 [ -z "$label" ] || select=(-L "^$label\$")
-exec ctest --test-dir build/test --no-tests=error --output-on-failure -j "$(nproc)" "${select[@]}"
+exec ctest --test-dir build/test --no-tests=error --output-on-failure -j "$((2 * $(nproc)))" "${select[@]}"
