@@ -67,11 +67,6 @@ def asked_for_status(port):
 
 
 class ResetRoad(PhoneRoad):
-    def setUp(self):
-        super().setUp()
-        # The kernel lets an empty hub sleep, and QEMU's does not always wake up when something appears on it.
-        self.unit.run("echo on > /sys/bus/usb/devices/1-1/power/control")
-
     def switch(self, mode, place="1.2", **variant):
         """A phone is plugged in and runs the mode."""
         phone = self.unit.plug(place, Phone(mode.description, **variant))
