@@ -258,7 +258,7 @@ class RoadTest(unittest.TestCase):
         """Since the last call each receiver got exactly these records, in this order."""
         expected = together(*expected)
         self._await({receiver: len(records) for receiver, records in expected.items()})
-        self.unit.settle(self.QUIET)
+        self.settle()
         self._step, here = self._heard, self.unit.mark()
         got = self._records_since(self._heard)
         self._heard = here
@@ -266,6 +266,10 @@ class RoadTest(unittest.TestCase):
                  for receiver in sorted({*RECEIVERS, *got})]
         if any(wrong):
             self.fail("\n".join(filter(None, wrong)) + "\n" + self.heard())
+
+    def settle(self):
+        """Until nothing more is expected."""
+        self.unit.settle(self.QUIET)
 
     def told_nothing(self, seconds=1.5):
         """Since the last call nobody got anything, nor in so many seconds from now."""

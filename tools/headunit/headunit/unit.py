@@ -427,6 +427,18 @@ class HeadUnit:
                 if time.monotonic() > deadline:
                     raise HeadUnitError(f"it is not quiet after {timeout} s, {now} after {last}" + self._heard())
 
+    def settle_records(self, quiet=1.0, timeout=30):
+        """The same for records alone, while the log goes on."""
+        deadline = time.monotonic() + timeout
+        with self._changed:
+            count = len(self._records)
+            while self._changed.wait_for(lambda: self._over or len(self._records) != count, quiet):
+                count = len(self._records)
+                if self._over:
+                    raise HeadUnitError("the guest is gone" + self._heard())
+                if time.monotonic() > deadline:
+                    raise HeadUnitError(f"records still come after {timeout} s" + self._heard())
+
     # ---- plugging ----
 
     def plug(self, port, device):
