@@ -51,8 +51,9 @@ class Service:
 
     def __init__(self, level=0, environment=None, keep=None, reads=True, before=None):
         own = {"KA_LOG_LEVEL": str(level), "SYSTEMD_DEVICE_VERIFY_SYSFS": "0", "PATH": "/usr/bin:/bin",
-               "ASAN_OPTIONS": "abort_on_error=0:handle_abort=1", "UBSAN_OPTIONS": "print_stacktrace=1",
-               "TSAN_OPTIONS": "halt_on_error=0"}
+               # What was freed is kept for a while to be watched, which counts as the service's memory.
+               "ASAN_OPTIONS": "abort_on_error=0:handle_abort=1:quarantine_size_mb=32",
+               "UBSAN_OPTIONS": "print_stacktrace=1", "TSAN_OPTIONS": "halt_on_error=0"}
         own.update(environment or {})
         self.level = level
         self.keep = keep
