@@ -142,5 +142,20 @@ TEST_F(UBegin, TellsSdcmOfTheScanThroughTheCommandFrame) {
                 ElementsAre(Queued{4096, Hex("00*4 03 00*3 00*4")}, Queued{4096, Hex("00*4 04 00*3 00*4")}));
 }
 
+// Called without a message it would say so, again and again, while it has nothing to do.
+TEST_F(UBegin, CallsTheCommandFrameForMessagesOnly) {
+    TheStage().threads = true;
+    auto begin = std::make_unique<dcm::UBegin>();
+    while (Queue(kSdcm)->waiting() < 2)
+        std::this_thread::yield();
+    for (frame::Frame* frame : m_frames)
+        frame->stop();
+    begin.reset();
+    std::vector<std::string> calls;
+    for (const LogLine& line : Logs(32))
+        if (line.text.starts_with("src:")) calls.push_back(line.text);
+    EXPECT_THAT(calls, ElementsAre("src:1000 len:12", "src:1000 len:12"));
+}
+
 }  // namespace
 }  // namespace test

@@ -29,6 +29,14 @@ const Packet kFaultyCommunication{kDiagnosis, Hex("01 60 19 06 65 01")};
 const Queued kScanBegin{4096, Hex("03 00*3 1B 00*3 00*4")};
 const Queued kScanEnd{4096, Hex("03 00*3 1C 00*3 00*4")};
 
+// The private notifier, which nodes are given.
+dcm::usb::UNotifier* NotifierOf(dcm::usb::UEventFrame& frame);
+template <dcm::usb::UNotifier* dcm::usb::UEventFrame::*member>
+struct Opened {
+    friend dcm::usb::UNotifier* NotifierOf(dcm::usb::UEventFrame& frame) { return frame.*member; }
+};
+template struct Opened<&dcm::usb::UEventFrame::m_notifier>;
+
 struct UEventFrame : FrameBench {
     void SetUp() override {
         FrameBench::SetUp();
@@ -139,6 +147,15 @@ TEST_F(UEventFrame, ADevicePluggedInDuringTheScanIsInTheListOnce) {
     Make();
     Step(4);
     EXPECT_EQ(dcm::usb::UListNode::GetInstance()->GetSize(), 1u);
+}
+
+// The reader empties the list, and what its nodes say then goes through the frame's notifier.
+TEST_F(UEventFrame, LetsNodesSayTheirLastWordsWhenItEnds) {
+    dcm::usb::UNotifier* const notifier = NotifierOf(Make());
+    dcm::usb::UListNode::GetInstance()->InsertNode(dcm::usb::SUBSYSTEM_TTY, "/devices/tty/ttyACM0", notifier);
+    m_frame.reset();
+    EXPECT_THAT(Drain(kUsb), ElementsAre(Queued{4096, Hex("03 00*3 19 00*3 00*4")}));
+    EXPECT_EQ(dcm::usb::UListNode::GetInstance()->GetSize(), 0u);
 }
 
 TEST_F(UEventFrame, PassesOverTheMessagesThatItIsGiven) {
