@@ -19,6 +19,7 @@ namespace {
 
 std::mutex deeds_mutex;
 std::vector<std::string> deeds;
+std::vector<std::vector<frame::QueueInfo>> queues_told;  // the test's thread
 
 void Did(std::string deed) {
     std::lock_guard lock(deeds_mutex);
@@ -42,6 +43,10 @@ void ClearDeeds() {
     deeds.clear();
 }
 
+std::vector<std::vector<frame::QueueInfo>> QueuesTold() {
+    return queues_told;
+}
+
 void FrameBench::ReleaseSingletons() {
     dcm::usb::UListPortState::Release();
     dcm::usb::UListNode::Release();
@@ -55,6 +60,7 @@ void FrameBench::SetUp() {
     ResetStore();
     ClearLogs();
     ClearDeeds();
+    queues_told.clear();
 }
 
 void FrameBench::TearDown() {
@@ -122,6 +128,18 @@ dcm::usb::UNode* __wrap__ZN3dcm3usb9UListNode24FindTestMountedBlockNodeEhPcm(dcm
     }
     std::snprintf(path, size, "%s", TheStage().mounted_at);
     return reinterpret_cast<dcm::usb::UNode*>(&node);
+}
+
+// The constructor with a list of queues.
+void __real__ZN5frame5FrameC2ERSt10shared_ptrIN4kipc9InterfaceEERKNS_5BLOCKEPNS_7MessageERKSt6vectorINS_9QueueInfoESaISC_EEPNS_10ProcessMgrE(
+    frame::Frame* frame, std::shared_ptr<kipc::Interface>& interface, const frame::BLOCK& block,
+    frame::Message* message, const std::vector<frame::QueueInfo>& queues, frame::ProcessMgr* manager);
+void __wrap__ZN5frame5FrameC2ERSt10shared_ptrIN4kipc9InterfaceEERKNS_5BLOCKEPNS_7MessageERKSt6vectorINS_9QueueInfoESaISC_EEPNS_10ProcessMgrE(
+    frame::Frame* frame, std::shared_ptr<kipc::Interface>& interface, const frame::BLOCK& block,
+    frame::Message* message, const std::vector<frame::QueueInfo>& queues, frame::ProcessMgr* manager) {
+    test::queues_told.push_back(queues);
+    __real__ZN5frame5FrameC2ERSt10shared_ptrIN4kipc9InterfaceEERKNS_5BLOCKEPNS_7MessageERKSt6vectorINS_9QueueInfoESaISC_EEPNS_10ProcessMgrE(
+        frame, interface, block, message, queues, manager);
 }
 
 void __real__ZN5frame5Frame3runEv(frame::Frame* frame);

@@ -32,6 +32,10 @@ Stage& TheStage();
 // What frames did with it, in order: "usleep 10000", "sleep 1", "init netlink", "scan", "drive", "run",
 // "join", and shell commands as they stand.
 std::vector<std::string> Deeds();
+
+// The queues that each frame with a list of them was told, in order; since the bench was set up.
+std::vector<std::vector<frame::QueueInfo>> QueuesTold();
+
 void ClearDeeds();
 
 // Any of the platform's frames: two argument lists for everything.

@@ -47,6 +47,16 @@ TEST_F(UBegin, StartsTheCommandTheEventAndTheMonitorFrame) {
     EXPECT_THAT(Logs(192), IsEmpty());
 }
 
+TEST_F(UBegin, TellsCommandAndEventFrameTheQueueTowardsSdcmUnderItsName) {
+    const auto begin = std::make_unique<dcm::UBegin>();
+    ASSERT_EQ(QueuesTold().size(), 2u);
+    for (const std::vector<frame::QueueInfo>& queues : QueuesTold()) {
+        ASSERT_EQ(queues.size(), 1u);
+        EXPECT_STREQ(queues[0].name(), dcm::DcmMessage::kMsgName[1]);
+        EXPECT_EQ(queues[0].message(), Queue(kSdcm));
+    }
+}
+
 TEST_F(UBegin, SaysThatItStartsAndThatItIsReadyUnderNumbersOfTheirOwn) {
     const auto begin = std::make_unique<dcm::UBegin>();
     const std::vector<LogLine> logs = Logs();
