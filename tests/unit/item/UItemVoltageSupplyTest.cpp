@@ -110,6 +110,55 @@ TEST_F(UItemVoltageSupplyTest, StepsRowByRow) {
     }
 }
 
+// The same machine for every step, reading and counter: what becomes of a counter in a range.
+struct Range {
+    Voltage::E_VOLTAGE_STEP step;
+    bool is_low;
+    int from;
+    int to;
+    Voltage::E_VOLTAGE_STEP next_step;
+    int added;  // to the counter; kCleared: it is 0 from then on
+    int result;
+};
+constexpr int kCleared = 99;
+constexpr int kLeast = -20;
+constexpr int kMost = 20;
+constexpr Range kRanges[] = {
+    {NEUTRAL, true, kLeast, -3, CRITICAL, kCleared, 2},
+    {NEUTRAL, true, -2, 0, NEUTRAL, -1, 0},
+    {NEUTRAL, true, 1, kMost, NEUTRAL, kCleared, 0},
+    {NEUTRAL, false, kLeast, -1, NEUTRAL, kCleared, 0},
+    {NEUTRAL, false, 0, 9, NEUTRAL, 1, 0},
+    {NEUTRAL, false, 10, kMost, NON_CRITICAL, kCleared, 2},
+    {NON_CRITICAL, true, kLeast, -3, CRITICAL, kCleared, 3},
+    {NON_CRITICAL, true, -2, 0, NON_CRITICAL, -1, 0},
+    {NON_CRITICAL, true, 1, kMost, NON_CRITICAL, kCleared, 0},
+    {NON_CRITICAL, false, kLeast, kMost, NON_CRITICAL, kCleared, 0},
+    {CRITICAL, true, kLeast, kMost, CRITICAL, kCleared, 0},
+    {CRITICAL, false, kLeast, -1, CRITICAL, kCleared, 0},
+    {CRITICAL, false, 0, 9, CRITICAL, 1, 0},
+    {CRITICAL, false, 10, kMost, NON_CRITICAL, kCleared, 2},
+};
+
+TEST_F(UItemVoltageSupplyTest, EveryStepReadingAndCounterLeadsWhereItsRangeSays) {
+    int cases = 0;
+    for (const Range& range : kRanges) {
+        Supply(range.is_low ? "0" : "1");
+        for (int count = range.from; count <= range.to; ++count, ++cases) {
+            SCOPED_TRACE(
+                Format("step %d low %d count %d", static_cast<int>(range.step), range.is_low, count));
+            Voltage::m_step = range.step;
+            Voltage::m_try_temperature = count;
+            Voltage::m_last_ts = outside.now;
+            MoveClock(1000);
+            EXPECT_EQ(Voltage::ProcessInternal(), range.result);
+            EXPECT_EQ(Voltage::m_step, range.next_step);
+            EXPECT_EQ(Voltage::m_try_temperature, range.added == kCleared ? 0 : count + range.added);
+        }
+    }
+    EXPECT_EQ(cases, 3 * 2 * (kMost - kLeast + 1)) << "no step, reading or counter is left out";
+}
+
 TEST_F(UItemVoltageSupplyTest, BeginsNeutralWithoutAReading) {
     Voltage::m_try_temperature = 5;
     EXPECT_EQ(Voltage::ProcessInternal(), 0);
