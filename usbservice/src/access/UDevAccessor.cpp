@@ -23,8 +23,8 @@ constexpr std::uint8_t kMirrorLink = 0xF0;
 
 constexpr std::uint16_t kRoleCarplay = 1;  // values of kRoleSwitch
 constexpr std::uint16_t kRoleCarLife = 0;
-constexpr std::uint16_t kMirrorLinkVersion = 0x0101;  // 1.1, the highest that we speak
-constexpr std::uint16_t kMirrorLinkVendor = 0x1004;   // vendor id of the client
+constexpr std::uint16_t kMirrorLinkValue = 0x0101;  // value and index of kMirrorLink
+constexpr std::uint16_t kMirrorLinkIndex = 0x1004;
 
 constexpr unsigned kNoLimit = 0;
 constexpr unsigned kMirrorLinkLimit = 1000;  // ms
@@ -74,7 +74,7 @@ int Command(libusb_device_handle* phone, std::uint8_t request, std::uint16_t val
 }
 
 int SendMirrorLink(libusb_device_handle* phone) {
-    const int result = Command(phone, kMirrorLink, kMirrorLinkVersion, kMirrorLinkVendor, kMirrorLinkLimit);
+    const int result = Command(phone, kMirrorLink, kMirrorLinkValue, kMirrorLinkIndex, kMirrorLinkLimit);
     if (result != 0) ULOG(LOG_FAILED, "error in %s", libusb_error_name(result));
     return result;
 }
