@@ -214,7 +214,6 @@ void Outbox::Work() {
             PLOG(LOG_FAILED, "no packet leaves any more: %s", strerrordesc_np(errno));
             return;
         }
-        stopping = m_stopping;
         for (int i = 0; i < count; ++i) {
             auto* channel = static_cast<Channel*>(events[i].data.ptr);
             if (!channel) {
@@ -227,6 +226,8 @@ void Outbox::Work() {
                 WaitForRoom(channel, false);
             }
         }
+        // Behind m_woken: who stops us while it is still true writes nothing, and is seen here.
+        stopping = m_stopping;
         do {
             timeout = FlushAll();
         } while (stopping && timeout == 0);
