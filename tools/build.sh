@@ -4,6 +4,7 @@
 #   tools/build.sh test   [TARGET...]   the same with the tests and their sanitized variants
 #   tools/build.sh arm64  [TARGET...]   for the head unit's processor (needs tools/fetch-guest.sh)
 #   tools/build.sh fuzz   [TARGET...]   fuzz targets, by clang
+#   tools/build.sh bench  [TARGET...]   the benchmarks, and the service as for the car
 # Without targets the service and the driver of /dev/css are built. Prints the end of the build's output when it fails.
 set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -21,8 +22,9 @@ arm64)
     options="$options -DUSB_MTP_TABLE=$root/build/native/platform/mtp_table.cpp"
     ;;
 fuzz) options="-DCMAKE_CXX_COMPILER=clang++ -DUSB_FUZZ=ON" ;;
+bench) options="-DUSB_TESTS=OFF -DUSB_BENCH=ON" ;;
 *)
-    echo "usage: $0 native|test|arm64|fuzz [TARGET...]" >&2
+    echo "usage: $0 native|test|arm64|fuzz|bench [TARGET...]" >&2
     exit 2
     ;;
 esac

@@ -1,0 +1,18 @@
+// Callgrind counts instructions inside Measured() only (--toggle-collect=Measured); what a program does before is
+// its warm-up.
+#pragma once
+
+namespace bench {
+
+using Step = void (*)(long number);
+
+extern "C" void Measured(Step step, long steps);
+
+// Runs `step` often enough that nothing is met for the first time, then counted.
+inline void WarmUpAndMeasure(Step step, long steps) {
+    for (long number = 0; number < steps; ++number)
+        step(number);
+    Measured(step, steps);
+}
+
+}  // namespace bench
