@@ -28,6 +28,11 @@ STORAGE_LISTENERS = tuple(RECORDS["st_storage_pkt"]["to"])
 USB_LISTENERS = tuple(RECORDS["st_usb_pkt"]["to"])
 
 
+def kind_of(field):
+    """The type of a field without its length."""
+    return field["type"].partition(" ")[0]
+
+
 def width(field):
     """Bytes of a field."""
     kind, _, count = field["type"].partition(" ")
@@ -88,11 +93,21 @@ class Record:
     __hash__ = None
 
 
+def shown(character):
+    """A character of a text: a quote escaped, and a control character or what is no UTF-8 as its bytes."""
+    if character in '"\\':
+        return "\\" + character
+    number = ord(character)
+    if number < 0x20 or 0x7f <= number < 0xa0 or 0xdc80 <= number <= 0xdcff:
+        return "".join(f"\\x{byte:02x}" for byte in character.encode("utf-8", "surrogateescape"))
+    return character
+
+
 def say(field, value):
     if isinstance(value, bytes):
         return value.hex()
     if isinstance(value, str):
-        return '"' + value.encode("utf-8", "backslashreplace").decode() + '"'
+        return '"' + "".join(map(shown, value)) + '"'
     word = WORDS[field["words"]].get(value) if "words" in field else None
     if word is not None:
         return word
@@ -124,10 +139,12 @@ def decode(receiver, data, sender="usb"):
 def parse(name, data):
     """The record of that name in `data`. Fields behind its end are left out."""
     record = Record(name, data)
+    missing = False
     for field in RECORDS[name]["fields"]:
         piece = record.data[field["at"]:field["at"] + width(field)]
-        kind = field["type"].partition(" ")[0]
+        kind = kind_of(field)
         if len(piece) < width(field) and kind != "text":
+            missing = True
             continue
         if kind in NUMBERS:
             record.fields[field["name"]] = struct.unpack(NUMBERS[kind], piece)[0]
@@ -142,6 +159,8 @@ def parse(name, data):
             record.fields[field["name"]] = piece
         if field.get("unused") and piece.strip(b"\0"):
             record.faults.append(f"{field['name']} is not zero")
+    if missing:
+        record.faults.append(f"ends after {len(record.data)} of {RECORDS[name]['size']} bytes")
     return record
 
 
@@ -159,7 +178,7 @@ def build(name, **values):
 
 
 def encode(name, field, value):
-    kind = field["type"].partition(" ")[0]
+    kind = kind_of(field)
     if kind in NUMBERS:
         return struct.pack(NUMBERS[kind], value)
     if isinstance(value, str):

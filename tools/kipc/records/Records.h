@@ -38,6 +38,7 @@ struct Record {
     std::string_view name;
     std::size_t size;
     std::size_t minimum;  // what the service takes; equals size where nothing less is taken
+    bool longer;          // more bytes are taken too
     std::string_view from;
     std::span<const std::string_view> to;
     std::span<const Field> fields;  // in order, covering every byte
@@ -60,6 +61,9 @@ const Record* Identify(std::string_view sender, std::string_view receiver, Bytes
 
 const Field* FindField(const Record& record, std::string_view name);
 
+// False: the record ends before or inside the field. A text may end early.
+bool Holds(const Field& field, Bytes bytes);
+
 // What of a field the bytes hold; a record that ends before or inside the field reads as if zeros followed.
 std::int64_t Number(const Field& field, Bytes bytes);  // of kinds u8 to i32
 std::string Text(const Field& field, Bytes bytes);  // of kind text: up to its first zero, bytes as they are
@@ -69,13 +73,20 @@ std::string_view WordOf(const Field& field, Bytes bytes);  // empty: no words, o
 // invalid UTF-8 escaped, or bytes as hex digits.
 std::string Say(const Field& field, Bytes bytes);
 
-// What is wrong with the bytes: an unused field that is not zero, a text without a terminator, a short record
-// ...
+// A field with a meaning that is not always the same: neither fixed nor unused.
+bool SaysSomething(const Field& field);
+
+// What is wrong with the bytes: an unused field that is not zero, a text without a terminator or with
+// something behind it, a record that ends before its last field.
 std::vector<std::string> Faults(const Record& record, Bytes bytes);
 
 // A record with its fixed bytes in place and zeros else; then set field by field. `value` is a word, a number
 // (decimal or 0x...), a text or hex digits, by the field's kind; false when it cannot be that.
 std::vector<unsigned char> Blank(const Record& record);
 bool Set(const Field& field, std::string_view value, std::vector<unsigned char>& bytes);
+
+// One line: the record's name, every field that says something as name=value, then each fault in brackets.
+// Without a record: how many bytes, and the first of them.
+std::string Describe(const Record* record, Bytes bytes);
 
 }  // namespace records
