@@ -1,5 +1,9 @@
 #!/usr/bin/python3
 """What is there when the service starts, what comes while it looks around, and the vehicle's own hub."""
+import pathlib
+import re
+import signal
+
 from road import (CONTROLLER, HUB_FAULTY, HUB_HEALTHY, HUB_NOT_SUPPORTED, HeadUnitError, Plugged, RoadTest, SCAN,
                   SCAN_BEGINS, SCAN_ENDS, STARTED, START_REPORTS, Stick, Volume, attached, came, detached, left, main,
                   mounted, state_told)
@@ -81,6 +85,32 @@ class Scan(RoadTest):
         self.assertEqual(self.nodes(), 10)
         self.pull(stick)
         self.assertEqual(self.nodes(), 6)
+
+
+class Restart(RoadTest):
+    """A service that ended without a chance to clean up. Its volumes stay mounted, and the kernel mounts none of them
+    a second time in the same place."""
+
+    def end_with_a_mounted_stick(self):
+        self.start()
+        self.unit.plug("1.1", Stick(self.one))
+        self.told(came(STICK), attached(port=1), mounted(VFAT))
+        self.unit.stop_service(signal.SIGKILL)
+        self.assertEqual(self.mounts(), [("/tmp/USB/PORT1/PART1", "/dev/sda1", "vfat")])
+
+    def test_a_volume_that_is_still_mounted_is_busy_and_not_announced(self):
+        self.end_with_a_mounted_stick()
+        self.start(START_REPORTS, SCAN_BEGINS, came(STICK), HUB_HEALTHY, SCAN_ENDS, attached(port=1))
+        self.assert_log("TryMount: error in mount 16 Device or resource busy")
+
+    def test_what_the_service_manager_does_before_a_start_releases_it_so_that_it_is_announced_again(self):
+        self.end_with_a_mounted_stick()
+        unit_file = pathlib.Path(__file__).parents[2] / "packaging" / "usbservice.service.in"
+        before_start = re.search(r"^ExecStartPre=-(.*)$", unit_file.read_text(), re.M)[1].replace("$$", "$")
+        self.unit.run(before_start, check=False)    # of directories that are not there it complains
+        self.assertEqual(self.mounts(), [])
+        self.start(START_REPORTS, SCAN_BEGINS, came(STICK), HUB_HEALTHY, SCAN_ENDS, attached(port=1), mounted(VFAT))
+        self.assertEqual(self.mounts(), [("/tmp/USB/PORT1/PART1", "/dev/sda1", "vfat")])
 
 
 class VehicleHub(RoadTest):
