@@ -4,35 +4,17 @@
 Takes the format of each ULOG call (and of the two start-up lines) in usbservice/src and looks for a string in the
 unit or service tests that the format could have printed, from its first to its last character, or for the format
 itself, which a test fills in. Texts that cannot be produced stand in tests/data/unreachable_log_texts.txt, each with its reason behind a tab."""
-import pathlib
 import re
 import sys
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-SOURCES = ROOT / "usbservice" / "src"
+from log_calls import ROOT, SERVICE, STRING, formats, unescape
+
 TESTS = [ROOT / "tests" / "unit", ROOT / "tests" / "service"]
 UNREACHABLE = ROOT / "tests" / "data" / "unreachable_log_texts.txt"
 
-STRING = r'"(?:[^"\\]|\\.)*"'
 CONVERSION = re.compile(r"%[-+ #0]*\d*(?:\.\d+)?(?:hh|h|ll|l|z)?([diuxXcsp%])")
 PLAIN = {"d": r"-?\d+", "i": r"-?\d+", "u": r"\d+", "x": r"[0-9a-f]+", "X": r"[0-9A-F]+", "c": ".", "s": ".*",
          "p": r"(?:0x[0-9a-f]+|\(nil\)|.+)", "%": "%"}
-
-
-def unescape(literals):
-    return "".join(re.findall(STRING, literals)).replace('""', "").strip('"') \
-        .replace('\\"', '"').replace("\\n", "\n").replace("\\\\", "\\")
-
-
-def formats():
-    """(file, line, format) of every log call."""
-    call = re.compile(r"(?:ULOG\(\s*[^,]+?,|ka_log_print\((?:[^,]+,){6})\s*((?:" + STRING + r"\s*)+)", re.S)
-    for path in sorted(SOURCES.rglob("*.cpp")) + sorted(SOURCES.rglob("*.h")):
-        if path.name == "ULog.h":
-            continue
-        text = path.read_text()
-        for found in call.finditer(text):
-            yield path.relative_to(ROOT), text.count("\n", 0, found.start()) + 1, unescape(found.group(1))
 
 
 def pattern(form):
@@ -65,7 +47,7 @@ def main():
             if line and not line.startswith("#"):
                 form, _, reason = line.partition("\t")
                 excused[form] = reason
-    wanted = list(formats())
+    wanted = list(formats(*SERVICE))
     have = set(strings())
     faults = []
     if len(wanted) < 100:
