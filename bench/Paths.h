@@ -11,12 +11,12 @@ namespace bench {
 inline const std::string kHub =
     "/devices/soc/7600000.hsusb/7600000.dwc3/xhci-hcd.0.auto/usb1/1-1";  // the vehicle's own
 
-// The first `count` paths of a tree: devices behind hubs behind the vehicle's hub, each with its interfaces, in the
-// order in which the kernel tells them. `branch` keeps two trees apart.
-inline std::vector<std::string> Tree(std::size_t count, int branch) {
+// The first `count` paths of a tree in the order in which the kernel tells them: devices with their interfaces, behind
+// hubs of which the service knows no more than the first.
+inline std::vector<std::string> Tree(std::size_t count) {
     constexpr int kInterfaces = 4;
     constexpr int kWidth = 100;
-    const std::string top = "1-1." + std::to_string(branch);
+    const std::string top = "1-1.1";
     std::vector<std::string> paths{kHub + "/" + top};
     for (int device = 1; paths.size() < count; ++device) {
         const std::string hub = top + "." + std::to_string(1 + device / kWidth);
@@ -28,6 +28,11 @@ inline std::vector<std::string> Tree(std::size_t count, int branch) {
     }
     paths.resize(count);
     return paths;
+}
+
+// A path of which `path` becomes the parent.
+inline std::string FurtherChild(const std::string& path) {
+    return path + path.substr(path.rfind('/')) + ":1.9";
 }
 
 // One message: a head, and the lines behind it; '|' stands for the NUL between them.
@@ -47,9 +52,10 @@ inline std::string TypicalUevent() {
                   "PRODUCT=781/5581/100|TYPE=0/0/0|BUSNUM=001|DEVNUM=004");
 }
 
-// An event that makes no node, of 279 bytes: one of the machine's other subsystems.
+// One that makes no node, of about 279 bytes, as most of the machine's.
 inline std::string ForeignUevent(std::string_view action) {
-    return Uevent(action, "/devices/soc/7824900.sdhci/mmc_host/mmc0/mmc0:0001/block/mmcblk0", "");
+    return Uevent(action, "/devices/soc/soc:qcom,bcl/power_supply/battery/power_supply/bms",
+                  "SUBSYSTEM=power_supply|POWER_SUPPLY_NAME=bms|POWER_SUPPLY_CAPACITY=50|POWER_SUPPLY_TEMP=301");
 }
 
 }  // namespace bench

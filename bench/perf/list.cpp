@@ -1,4 +1,4 @@
-// Inserts a node, finds it and removes it, while `nodes` others are in the list:
+// Inserts a child of one of the list's nodes, finds it and removes it, while NODES others are in the list:
 //   perf_list usb|net NODES
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +15,8 @@ namespace {
 using namespace dcm::usb;
 
 constexpr int kLogThreshold = 160;
+constexpr std::size_t kPaths = 100;
+constexpr std::size_t kStep = 101;  // has no divisor in common with the numbers of nodes
 
 UListNode* list;
 E_SUBSYSTEM subsystem;
@@ -34,11 +36,11 @@ int main(int count, char** arguments) {
     const std::size_t nodes = std::strtoul(arguments[2], nullptr, 10);
     ka_log_threshold = kLogThreshold;
     list = UListNode::GetInstance();
-    for (const std::string& path : bench::Tree(nodes, 1))
+    const std::vector<std::string> tree = bench::Tree(nodes);
+    for (const std::string& path : tree)
         list->InsertNode(subsystem, path.c_str(), nullptr);
-    // Without the first, of which all others would be children.
-    come_and_go = bench::Tree(101, 2);
-    come_and_go.erase(come_and_go.begin());
+    for (std::size_t at = 0; come_and_go.size() < kPaths; at = (at + kStep) % nodes)
+        come_and_go.push_back(bench::FurtherChild(tree[at]));
     bench::WarmUpAndMeasure(InsertFindRemove, 1000);
     return list->GetSize() == nodes ? EXIT_SUCCESS : EXIT_FAILURE;
 }
