@@ -15,6 +15,7 @@
 #include <new>
 
 #include "Log.h"
+#include "StatusBoard.h"
 #include "Thread.h"
 
 namespace platform {
@@ -130,6 +131,22 @@ void Outbox::ShowReceived(unsigned long source, const char* sender, unsigned int
     Wake();
 }
 
+void Outbox::AppendTo(status::Snapshot* snapshot) {
+    for (std::unique_ptr<Channel>& position : m_channels) {
+        status::ReceiverRecord record{};
+        {
+            std::lock_guard lock(m_mutex);
+            const Channel* const channel = position.get();
+            if (!channel) continue;
+            std::snprintf(record.name, sizeof record.name, "%s", channel->name.c_str());
+            record.waiting = channel->backlog.records() + (channel->in_hand ? 1 : 0);
+            record.sent = channel->sent.load(std::memory_order_relaxed);
+            record.dropped = channel->dropped.load(std::memory_order_relaxed);
+        }
+        snapshot->Append(status::KIND_RECEIVER, record);
+    }
+}
+
 bool Outbox::Accepts(unsigned int len, const char* buf) const {
     // A datagram without bytes looks like the end of the connection.
     if (buf && len > 0 && len <= kMaxRecordBytes) return true;
@@ -160,6 +177,7 @@ void Outbox::Post(Channel* channel, std::uint64_t now, unsigned int len, const c
         if (channel->backlog.Push(now, {buf, len})) return;
         begins_burst = channel->lost++ == 0;
     }
+    channel->dropped.fetch_add(1, std::memory_order_relaxed);
     if (begins_burst)
         PLOG(LOG_FAILED, "%s does not read: its backlog is full, packets to it are lost",
              channel->name.c_str());
@@ -271,7 +289,10 @@ bool Outbox::Flush(Channel* channel) {
         channel->in_hand = false;
         if (result == NO_RECEIVER) Lose(channel, error);
         if (channel == &m_tap) continue;
-        if (result == DELIVERED) KeepsUpAgain(channel);
+        if (result == DELIVERED) {
+            channel->sent.fetch_add(1, std::memory_order_relaxed);
+            KeepsUpAgain(channel);
+        }
         Show(kipc::TAP_OUT, result == DELIVERED ? kipc::TAP_DELIVERED : kipc::TAP_NO_RECEIVER,
              channel->hand_ns, channel->mask, channel->name.c_str(), channel->hand.data(),
              channel->hand_bytes);
@@ -369,6 +390,7 @@ void Outbox::Lose(Channel* channel, int error) {
         std::lock_guard lock(m_mutex);
         begins_burst = channel->lost++ == 0;
     }
+    channel->dropped.fetch_add(1, std::memory_order_relaxed);
     if (begins_burst)
         PLOG(LOG_REFUSED, "%s is not there, packets to it are lost: %s: %s", channel->name.c_str(),
              channel->path.c_str(), strerrordesc_np(error));

@@ -15,6 +15,10 @@
 #include "ByteRing.h"
 #include "platform/tap.h"
 
+namespace status {
+class Snapshot;
+}
+
 namespace platform {
 
 // `KIPC_DIR`, or /run/kipc: the folder of all inboxes.
@@ -42,6 +46,9 @@ public:
     // Any thread; never waits. Shows a received record to the tap.
     void ShowReceived(unsigned long source, const char* sender, unsigned int len, const char* buf);
 
+    // Any thread. A ReceiverRecord for each receiver that was sent to.
+    void AppendTo(status::Snapshot* snapshot);
+
 private:
     enum E_RESULT { DELIVERED, BUSY, NO_RECEIVER };
 
@@ -61,12 +68,16 @@ private:
         ByteRing backlog;        // tag: when it was sent, monotonic ns
         unsigned long lost = 0;  // records since the receiver last kept up
 
+        // Records since start, for the status.
+        std::atomic<std::uint64_t> sent{0};
+        std::atomic<std::uint64_t> dropped{0};
+
         // Writer thread's.
         int fd = -1;  // owned; -1: not connected
         bool waits_for_room = false;
-        bool retries = false;    // the receiver did not accept the connection yet: by the clock
-        bool in_hand = false;    // a record was taken from the backlog and is not sent yet
-        std::vector<char> hand;  // never shrinks
+        bool retries = false;              // the receiver did not accept the connection yet: by the clock
+        std::atomic<bool> in_hand{false};  // a record was taken from the backlog and is not sent yet
+        std::vector<char> hand;            // never shrinks
         std::size_t hand_bytes = 0;
         std::uint64_t hand_ns = 0;
     };

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -21,6 +22,7 @@
 
 #include "Log.h"
 #include "Outbox.h"
+#include "StatusServer.h"
 #include "Thread.h"
 
 namespace dcm {
@@ -53,6 +55,7 @@ constexpr Sender kSenders[] = {
     {"test", 0x0000040000000000},
 };
 constexpr std::size_t kSenderCount = std::size(kSenders);
+constexpr const char* kStatusName = "status";  // of the socket for platform/status.h
 
 int AddToEpoll(int epoll, int fd, void* endpoint) {
     epoll_event event{};
@@ -124,10 +127,12 @@ const char* const DcmMessage::kMsgName[] = {"none", "usb"};
 
 DcmInterface* DcmInterface::m_pInstance = nullptr;
 
-// The inbox: one thread receives from all senders, another one forwards the SDCM queue.
+// The inbox: one thread receives from all senders and answers who asks for the status, another one forwards
+// the SDCM queue.
 class DcmInterface::Receiver {
 public:
-    Receiver(frame::Message* inbox, frame::Message* sdcm);
+    using Queues = std::unique_ptr<frame::Message>[6];
+    explicit Receiver(const Queues& queues);
     ~Receiver();
 
 private:
@@ -149,6 +154,9 @@ private:
 
     bool Open();
     void Listen(std::size_t index);
+    void ListenForStatus();
+    void AppendTo(status::Snapshot* snapshot) const;
+    int OpenListener(const char* name, std::string* path) const;
     int MakeSocket(const std::string& path) const;
     void Receive();
     void Accept(Endpoint* listener);
@@ -160,12 +168,15 @@ private:
     void Disconnect(Endpoint* connection);
     void Forward();
 
-    frame::Message* const m_inbox;  // not owned
-    frame::Message* const m_sdcm;   // not owned
+    const Queues& m_queues;  // not owned
+    frame::Message* const m_inbox = m_queues[QUEUE_USB].get();
+    frame::Message* const m_sdcm = m_queues[QUEUE_SDCM].get();
     const std::shared_ptr<platform::Outbox> m_outbox = platform::Outbox::Shared();
     const std::string m_folder = platform::RootFolder() + "/usb";
     Endpoint m_listeners[kSenderCount];
     std::vector<std::unique_ptr<Endpoint>> m_connections;
+    platform::StatusServer m_status{[this](status::Snapshot* snapshot) { AppendTo(snapshot); }};
+    std::string m_status_path;  // of the socket that was made here
     bool m_any_paused = false;
     char m_record[kMaxRecordBytes];
     int m_epoll = -1;  // owned
@@ -174,7 +185,7 @@ private:
     std::thread m_forwarding;
 };
 
-DcmInterface::Receiver::Receiver(frame::Message* inbox, frame::Message* sdcm) : m_inbox(inbox), m_sdcm(sdcm) {
+DcmInterface::Receiver::Receiver(const Queues& queues) : m_queues(queues) {
     platform::StartThread(&m_forwarding, "kipc-sdcm", [this] { Forward(); });
     if (!Open()) return;
     platform::StartThread(&m_receiving, "kipc-reader", [this] { Receive(); });
@@ -194,6 +205,7 @@ DcmInterface::Receiver::~Receiver() {
         if (listener.fd >= 0) close(listener.fd);
         if (!listener.path.empty()) unlink(listener.path.c_str());
     }
+    if (!m_status_path.empty()) unlink(m_status_path.c_str());
     if (m_event >= 0) close(m_event);
     if (m_epoll >= 0) close(m_epoll);
 }
@@ -210,27 +222,15 @@ bool DcmInterface::Receiver::Open() {
     if (!MakeFolders(m_folder)) PLOG(LOG_FAILED, "no inbox %s: %s", m_folder.c_str(), strerrordesc_np(errno));
     for (std::size_t index = 0; index < kSenderCount; ++index)
         Listen(index);
+    ListenForStatus();
     return true;
 }
 
 void DcmInterface::Receiver::Listen(std::size_t index) {
     Endpoint& listener = m_listeners[index];
     listener.sender = &kSenders[index];
-    listener.fd = HandedOver(listener.sender->name);
-    if (listener.fd >= 0) {
-        if (!IsListeningSeqpacket(listener.fd)) {
-            PLOG(LOG_FAILED, "the socket for %s that was handed over does not listen for packets",
-                 listener.sender->name);
-            listener.fd = -1;  // not ours to close
-            return;
-        }
-        fcntl(listener.fd, F_SETFL, fcntl(listener.fd, F_GETFL) | O_NONBLOCK);
-    } else {
-        const std::string path = m_folder + "/" + listener.sender->name;
-        listener.fd = MakeSocket(path);
-        if (listener.fd < 0) return;
-        listener.path = path;  // taken away at the end
-    }
+    listener.fd = OpenListener(listener.sender->name, &listener.path);
+    if (listener.fd < 0) return;
     // Each record then comes with its sender, so that one without bytes differs from the end of the
     // connection.
     const int yes = 1;
@@ -238,6 +238,44 @@ void DcmInterface::Receiver::Listen(std::size_t index) {
         AddToEpoll(m_epoll, listener.fd, &listener) != 0)
         PLOG(LOG_FAILED, "nothing will be received from %s: %s", listener.sender->name,
              strerrordesc_np(errno));
+}
+
+// A socket under that name which does not block: the one that was handed over, or one that is made, and then
+// `path` says what is taken away at the end. -1 after saying why.
+int DcmInterface::Receiver::OpenListener(const char* name, std::string* path) const {
+    int fd = HandedOver(name);
+    if (fd >= 0) {
+        if (!IsListeningSeqpacket(fd)) {
+            PLOG(LOG_FAILED, "the socket for %s that was handed over does not listen for packets", name);
+            return -1;  // not ours to close
+        }
+        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+        return fd;
+    }
+    const std::string made = m_folder + "/" + name;
+    fd = MakeSocket(made);
+    if (fd >= 0) *path = made;
+    return fd;
+}
+
+void DcmInterface::Receiver::ListenForStatus() {
+    const int fd = OpenListener(kStatusName, &m_status_path);
+    if (fd < 0) return;
+    if (!m_status.Listen(fd) || AddToEpoll(m_epoll, m_status.fd(), &m_status) != 0)
+        PLOG(LOG_FAILED, "nobody will see the status: %s", strerrordesc_np(errno));
+}
+
+void DcmInterface::Receiver::AppendTo(status::Snapshot* snapshot) const {
+    for (const std::unique_ptr<frame::Message>& queue : m_queues) {
+        if (!queue) continue;
+        status::QueueRecord record{};
+        std::snprintf(record.name, sizeof record.name, "%s", queue->name());
+        record.waiting = queue->waiting();
+        record.high_water = queue->high_water();
+        record.dropped = queue->dropped();
+        snapshot->Append(status::KIND_QUEUE, record);
+    }
+    m_outbox->AppendTo(snapshot);
 }
 
 int DcmInterface::Receiver::MakeSocket(const std::string& path) const {
@@ -271,6 +309,10 @@ void DcmInterface::Receiver::Receive() {
         }
         if (count == 0) Resume();
         for (int i = 0; i < count; ++i) {
+            if (events[i].data.ptr == &m_status) {
+                m_status.Serve();
+                continue;
+            }
             auto* endpoint = static_cast<Endpoint*>(events[i].data.ptr);
             if (!endpoint) return;  // stopped
             if (!endpoint->listener)
@@ -413,7 +455,7 @@ DcmInterface::DcmInterface() : m_kipc(std::make_shared<kipc::Interface>()) {
     m_queues[QUEUE_SDCM] = std::make_unique<frame::Message>("sdcm");
     m_queues[QUEUE_EVENT] = std::make_unique<frame::Message>("event");
     m_queues[QUEUE_MONITOR] = std::make_unique<frame::Message>("monitor");
-    m_receiver = std::make_unique<Receiver>(m_queues[QUEUE_USB].get(), m_queues[QUEUE_SDCM].get());
+    m_receiver = std::make_unique<Receiver>(m_queues);
 }
 
 DcmInterface::~DcmInterface() {
