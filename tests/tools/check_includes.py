@@ -15,7 +15,7 @@ MAY_INCLUDE = {
     "record": set(),
     "misc": {"platform"},
     "board": {"misc"},
-    "setting": {"board", "shm"},
+    "setting": {"board", "record", "shm"},
     "notify": {"setting", "record", "platform"},
     "storage": {"notify"},
     "access": {"notify"},

@@ -7,7 +7,7 @@ STRING = r'"(?:[^"\\]|\\.)*"'
 
 SERVICE = (ROOT / "usbservice" / "src", r"(?:ULOG\(\s*[^,]+?,|ka_log_print\((?:[^,]+,){6})")
 PLATFORM = (ROOT / "platform", r"PLOG\(\s*[^,]+?,")
-STORE = (ROOT / "shm", r"Complain\(\s*[^,]+?,")
+STORE = (ROOT / "shm", r"(?:Complain\(\s*[^,]+?|fprintf\(stderr),(?!\s*\"\[%s\]\[%s\]%s\\n\")")
 
 
 def unescape(literals):
@@ -19,7 +19,7 @@ LEVELS = {"LOG_FAILED": 192, "LOG_REFUSED": 160, "LOG_INFO": 128, "LOG_DETAIL": 
 
 
 def formats(folder, opening):
-    """(file, line, format) of every log call below a folder; the macros' own headers aside."""
+    """(file, line, format) of every log call below a folder; what they are made of aside."""
     for path, line, form, _ in calls(folder, opening):
         yield path, line, form
 
@@ -34,4 +34,5 @@ def calls(folder, opening):
         for found in call.finditer(text):
             head = text[found.start():found.start(1)]
             levels = {LEVELS[name] for name in re.findall(r"\bLOG_[A-Z]+\b", head) if name in LEVELS}
-            yield path.relative_to(ROOT), text.count("\n", 0, found.start()) + 1, unescape(found.group(1)), levels
+            form = unescape(found.group(1)).rstrip("\n")
+            yield path.relative_to(ROOT), text.count("\n", 0, found.start()) + 1, form, levels
