@@ -10,11 +10,15 @@
 
 #include "misc/ULog.h"
 #include "node/UListNode.h"
+#include "platform/status.h"
+#include "record/StatusRecord.h"
 
 namespace dcm::usb {
 namespace {
 
 constexpr unsigned kKernelEvents = 1;  // multicast group of the kernel; 2 is udev's
+
+status::Number g_uevents(kStatusUevents);
 
 }  // namespace
 
@@ -131,8 +135,10 @@ void UNetLink::Change(UNetLinkData* data) {
 
 int UNetLink::DriveNetLink() {
     const int result = RecvNetLinkData(&m_data);
-    if (result == 0) ProcessNetLinkData(&m_data);
-    return result;
+    if (result != 0) return result;
+    ProcessNetLinkData(&m_data);
+    g_uevents.Add();
+    return 0;
 }
 
 }  // namespace dcm::usb

@@ -31,6 +31,7 @@ UEventFrame::UEventFrame(std::shared_ptr<kipc::Interface>& interface, frame::Mes
     if (!m_netlink) ULOG(LOG_FAILED, "failed to new netlink instance");
     m_dev = new (std::nothrow) UDev(m_notifier);
     if (!m_dev) ULOG(LOG_FAILED, "failed to new dev instance");
+    ShowStatus(SERVICE_STARTING);
 }
 
 UEventFrame::~UEventFrame() {
@@ -51,6 +52,7 @@ void UEventFrame::event_handler(unsigned long, unsigned int, char*) {
             usleep(kRetryMicroseconds);
             return;
         case STATE_SCANNING:
+            ShowStatus(SERVICE_SCANNING);
             // The socket is open: what is plugged in meanwhile waits there as an event.
             if (m_dev) {
                 NotifyScanToUsb(MSGID_USB_SCAN_BEGIN);
@@ -59,12 +61,17 @@ void UEventFrame::event_handler(unsigned long, unsigned int, char*) {
                 NotifyHubCommunication();
             }
             m_state = STATE_RUNNING;
+            ShowStatus(SERVICE_RUNNING);
             return;
         case STATE_RUNNING:
             if (m_netlink) m_netlink->DriveNetLink();
             return;
     }
     ULOG(LOG_REFUSED, "unknown state:%d", m_state);
+}
+
+void UEventFrame::ShowStatus(E_SERVICE_STATE state) {
+    m_status.Show(STATUS_SERVICE, ServiceStatus{kStatusVersion, 0, state});
 }
 
 void UEventFrame::Init() {

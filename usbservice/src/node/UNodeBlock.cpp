@@ -9,6 +9,7 @@
 #include "node/UListNode.h"
 #include "node/UNodeUsb.h"
 #include "notify/UNotifier.h"
+#include "record/StatusRecord.h"
 #include "storage/UMount.h"
 
 namespace dcm::usb {
@@ -130,6 +131,7 @@ void UNodeBlock::ActionDisk(bool isAdd) {
     if (!IsMounted()) return;
     m_slot = slot;
     m_mounted_count = slot;
+    ShowStatus();
 }
 
 void UNodeBlock::ReadTotalPartitions() {
@@ -167,6 +169,7 @@ void UNodeBlock::ActionPartition(bool isAdd) {
     if (!IsMounted()) return;
     disk->m_mounted_count = slot;
     m_slot = slot;
+    ShowStatus();
 }
 
 // The parent is a USB interface when the disk itself is not in the list, and may be another partition: sda1
@@ -302,6 +305,18 @@ void UNodeBlock::NotifyBlockToMedia(E_CMD cmd, E_SUB_CMD sub, std::uint8_t slot)
          Printable(m_volume_id.GetLabel()), Printable(m_volume_id.GetUuid()),
          Printable(m_volume_id.GetType()), m_usb_class, m_speed);
     m_notifier->Send(&packet);
+}
+
+void UNodeBlock::ShowStatus() {
+    MountStatus mount{};
+    mount.port = GetPort() % 10;
+    mount.partition = static_cast<std::uint8_t>(m_slot);
+    CopyText(mount.fs_type, m_volume_id.GetType());
+    CopyText(mount.mount_path, m_mount_path);
+    CopyText(mount.label, m_volume_id.GetLabel());
+    CopyText(mount.uuid, m_volume_id.GetUuid());
+    CopyText(mount.devpath, m_devpath);
+    m_status.Show(STATUS_MOUNT, mount);
 }
 
 // True when another device of this port has the say: its own storage is not for media.

@@ -5,6 +5,7 @@
 
 #include "misc/Relaxed.h"
 #include "node/UNode.h"
+#include "platform/status.h"
 #include "record/MediaPacket.h"
 #include "storage/UBlkid.h"
 
@@ -66,7 +67,8 @@ protected:
     std::uint8_t m_speed = 0xff;   // of the parent device; 0xff: none
     UListNode* m_lists;            // not owned
     UBlkID m_volume_id;
-    UMount* m_mount;  // not owned
+    UMount* m_mount;       // not owned
+    status::Row m_status;  // while the volume is mounted
 
 private:
     bool IsMounted() const { return m_mount_result == 0; }
@@ -75,6 +77,7 @@ private:
     bool IsExternalCdDrive();
     void SetMountPath(char* path);
     void ReadTotalPartitions();
+    void ShowStatus();
 };
 
 }  // namespace dcm::usb

@@ -13,6 +13,7 @@
 #include "notify/UNotifier.h"
 #include "record/DiagPacket.h"
 #include "record/FrameMessage.h"
+#include "record/StatusRecord.h"
 #include "setting/USetting.h"
 
 namespace dcm::usb {
@@ -132,6 +133,7 @@ void UNodeUsb::ActionAddDevice() {
     UpdateSpeed();
     ULOG(LOG_INFO, "vid:%x pid:%x manufacturer:%s product:%s serial:%s numInterfaces:%d speed:%d",
          m_vid.load(), m_pid.load(), m_manufacturer, m_product, m_serial, m_num_interfaces, m_speed.load());
+    ShowStatus();
     CheckUdevOvercurrent();
 }
 
@@ -192,6 +194,7 @@ void UNodeUsb::Perform(E_ACTION action) {
         m_dev_type = m_classifier.CheckGroup(m_vid, m_pid, m_interfaces);
         const UNodeUsb* first = AsInterface(m_interfaces.front());
         m_usb_class = first ? first->GetInterfaceClass() : std::uint8_t{0};
+        ShowStatus();
     }
     const E_DEV_TYPE type = m_dev_type;
     if (type <= DEV_TYPE_INPUT) {
@@ -362,6 +365,10 @@ UMsgNode UNodeUsb::Describe() const {
     CopyText(device.manufacturer, m_manufacturer);
     CopyText(device.devpath, m_devpath);
     return device;
+}
+
+void UNodeUsb::ShowStatus() {
+    m_status.Show(STATUS_DEVICE, StatusOf(Describe()));
 }
 
 void UNodeUsb::NotifyEventToUsb(dcm::E_MSGID id) {

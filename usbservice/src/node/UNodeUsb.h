@@ -8,6 +8,7 @@
 #include "misc/Relaxed.h"
 #include "node/UDevClassifier.h"
 #include "node/UNode.h"
+#include "platform/status.h"
 #include "record/DeviceType.h"
 #include "record/MediaPacket.h"
 #include "record/MessageId.h"
@@ -110,6 +111,7 @@ protected:
     void PerformI2cHub(E_ACTION action);
     void PerformCustomerHub(E_ACTION action);
     UMsgNode Describe() const;  // as messages carry it
+    void ShowStatus();
     void FillAttached(StDiagUsbDeviceStateData& data);
     void PushPortMessage(dcm::E_MSGID id, std::uint8_t port);
 
@@ -134,6 +136,7 @@ protected:
     UListNode* m_lists;                // not owned
     USetting* m_setting;               // not owned
     std::vector<UNode*> m_interfaces;  // the device's children, while Perform(ACTION_ADD) runs
+    status::Row m_status;              // of a device
 };
 
 }  // namespace dcm::usb

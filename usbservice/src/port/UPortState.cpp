@@ -6,6 +6,7 @@
 #include "misc/UMisc.h"
 #include "notify/UNotifier.h"
 #include "record/SdcmRecord.h"
+#include "record/StatusRecord.h"
 
 namespace dcm::usb {
 namespace {
@@ -47,6 +48,7 @@ UPortState::UPortState(std::uint8_t port, UNotifier* notifier)
       m_dev_accessor(USingleton<UDevAccessor>::GetInstance()) {
     m_device.port = port;
     if (pthread_mutex_init(&m_mutex, nullptr) != 0) ULOG(LOG_FAILED, "failed to init mutex");
+    ShowStatus();
 }
 
 UPortState::~UPortState() {
@@ -59,9 +61,11 @@ void UPortState::SetState(E_CON_STATE state) {
         return;
     }
     ULOG(LOG_INFO, "port%d %s->%s", m_port, kStateName[m_state], kStateName[state]);
+    if (state != m_state) m_since_ns = status::NowNs();
     pthread_mutex_lock(&m_mutex);
     m_state = state;
     pthread_mutex_unlock(&m_mutex);
+    ShowStatus();
 }
 
 void UPortState::UpdateNode(UMsgNode* msg) {
@@ -71,6 +75,7 @@ void UPortState::UpdateNode(UMsgNode* msg) {
     ULOG(LOG_INFO, "devtype:%d vid:%x pid:%x class:%x speed:%x manu:%s serial:%s product:%s path:%s",
          m_device.dev_type, m_device.vid, m_device.pid, m_device.usb_class, m_device.speed,
          m_device.manufacturer, m_device.serial, m_device.product, m_device.devpath);
+    ShowStatus();
 }
 
 void UPortState::UpdateNode(UMsgChMode* msg) {
@@ -294,6 +299,18 @@ void UPortState::NotifyEventToMedia(E_CMD cmd) {
     ULOG(LOG_INFO, "serial:%s product:%s manu:%s dev_path:%s", m_device.serial, m_device.product,
          m_device.manufacturer, m_device.devpath);
     m_notifier->Send(&packet);
+}
+
+// --- for tools ---
+
+void UPortState::ShowStatus() {
+    PortStatus port{};
+    port.since_ns = m_since_ns;
+    port.state = m_state;
+    port.port = m_port;
+    CopyText(port.state_name, kStateName[m_state]);
+    if (m_state != STATE_DETACH) port.device = StatusOf(m_device);
+    m_status.Show(STATUS_PORT, port);
 }
 
 // --- what is missing, where the port stands ---

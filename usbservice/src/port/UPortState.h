@@ -10,6 +10,7 @@
 
 #include "access/UDevAccessor.h"
 #include "node/UListNode.h"
+#include "platform/status.h"
 #include "record/DeviceType.h"
 #include "record/FrameMessage.h"
 #include "record/MediaPacket.h"
@@ -132,6 +133,7 @@ private:
     bool HasMessage(const void* msg) const;
     bool HasNotifier() const;
     bool HasAccessor() const;
+    void ShowStatus();
     void LogState() const;
     void LogState(std::uint8_t message_port) const;
     void LogNotSend() const;
@@ -185,7 +187,9 @@ private:
     char m_devid[32] = {};  // of the last accepted request
     UListNode* const m_lists;
     UDevAccessor* const m_dev_accessor;
-    pthread_mutex_t m_mutex;  // guards the write of m_state
+    pthread_mutex_t m_mutex;                     // guards the write of m_state
+    std::uint64_t m_since_ns = status::NowNs();  // when the port came into its state
+    status::Row m_status;
 };
 
 }  // namespace dcm::usb

@@ -1,6 +1,7 @@
 #include "setting/USetting.h"
 
 #include "misc/ULog.h"
+#include "record/StatusRecord.h"
 #include "shm/ssmInterface.h"
 
 namespace dcm::usb {
@@ -120,6 +121,7 @@ void USetting::SetUsbCoding(E_USB_CODING coding) {
     ULOG(LOG_INFO, "usb_coding is %d", coding);
     const Locked lock(&m_mutex);
     usb_coding = coding;
+    ShowStatus();
 }
 
 void USetting::SetUsbAdaption(unsigned char port, E_USB_ADAPTION adaption) {
@@ -130,6 +132,7 @@ void USetting::SetUsbAdaption(unsigned char port, E_USB_ADAPTION adaption) {
     ULOG(LOG_INFO, "usb_adaption of port%d is %d", port, adaption);
     const Locked lock(&m_mutex);
     usb_adaption[port] = adaption;
+    ShowStatus();
 }
 
 void USetting::SetUsbCert(const StShmUsbCert* cert) {
@@ -189,11 +192,27 @@ void USetting::StoreUsbCert(const StShmUsbCert& cert) {
     test_force_enable2 = cert.test_force_enable2;
     device_mode1 = cert.device_mode1;
     device_mode2 = cert.device_mode2;
+    ShowStatus();
 }
 
 void USetting::StoreUsbCertPersist(const StShmUsbCertPersist& persist) {
     const Locked lock(&m_mutex);
     customer_hub_support = persist.customer_hub_support;
+    ShowStatus();
+}
+
+// With the lock.
+void USetting::ShowStatus() {
+    SettingsStatus settings{};
+    settings.coding = usb_coding;
+    for (std::size_t port = 1; port < kAdaptionPorts; ++port)
+        settings.adaption[port - 1] = usb_adaption[port];
+    settings.customer_hub_support = customer_hub_support;
+    settings.force_enable[0] = test_force_enable1;
+    settings.force_enable[1] = test_force_enable2;
+    settings.device_mode[0] = device_mode1;
+    settings.device_mode[1] = device_mode2;
+    m_status.Show(STATUS_SETTINGS, settings);
 }
 
 }  // namespace dcm::usb

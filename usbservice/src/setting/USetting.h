@@ -8,6 +8,7 @@
 
 #include "misc/Relaxed.h"
 #include "misc/USingleton.h"
+#include "platform/status.h"
 #include "setting/UsbCert.h"
 
 namespace dcm::usb {
@@ -55,6 +56,7 @@ public:
 private:
     void StoreUsbCert(const StShmUsbCert& cert);
     void StoreUsbCertPersist(const StShmUsbCertPersist& persist);
+    void ShowStatus();
 
     Relaxed<E_USB_CODING> usb_coding{USB_CODING_3};
     Relaxed<E_USB_ADAPTION> usb_adaption[kAdaptionPorts];
@@ -65,6 +67,7 @@ private:
     Relaxed<std::uint32_t> test_force_enable2{0};
     Relaxed<std::uint32_t> device_mode1{0};
     Relaxed<std::uint32_t> device_mode2{0};
+    status::Row m_status;
 };
 
 }  // namespace dcm::usb
