@@ -10,11 +10,13 @@
 
 namespace dcm::usb {
 
-// Place of the first equal text in one of UEventData's tables; -1 when there is none.
+// Place of the first equal text in one of UEventData's tables; -1 when there is none. `text` is not null.
+// Each event of the machine is looked up in the longest of them: most entries differ in their first letter.
 template <std::size_t count>
 int IndexOf(const char* const (&texts)[count], const char* text) {
     for (std::size_t index = 0; index < count; ++index)
-        if (UString::IsSameString(texts[index], text)) return static_cast<int>(index);
+        if (*texts[index] == *text && UString::IsSameString(texts[index], text))
+            return static_cast<int>(index);
     return -1;
 }
 
