@@ -139,7 +139,7 @@ void Row::Withdraw() {
     m_shown = nullptr;
 }
 
-Number::Number(const char* name) : m_name(name) {
+Number::Number(const char* name, std::uint64_t value) : m_name(name), m_value(value) {
     Board::Enlist(this);
 }
 

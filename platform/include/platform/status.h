@@ -62,7 +62,7 @@ private:
 // may change it, at the cost of one relaxed operation.
 class Number {
 public:
-    explicit Number(const char* name);  // kept, not copied; at most 23 characters
+    explicit Number(const char* name, std::uint64_t value = 0);  // the name is kept; at most 23 characters
     Number(const Number&) = delete;
     Number& operator=(const Number&) = delete;
 
@@ -72,7 +72,7 @@ public:
 private:
     friend class Board;
     const char* const m_name;
-    std::atomic<std::uint64_t> m_value{0};
+    std::atomic<std::uint64_t> m_value;
     Number* m_next = nullptr;
 };
 

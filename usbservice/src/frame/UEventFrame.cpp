@@ -9,8 +9,10 @@
 #include "event/UNetLink.h"
 #include "misc/ULog.h"
 #include "notify/UNotifier.h"
+#include "platform/status.h"
 #include "record/FrameMessage.h"
 #include "record/SdcmRecord.h"
+#include "record/StatusRecord.h"
 
 namespace dcm::usb {
 
@@ -18,6 +20,9 @@ namespace {
 
 constexpr useconds_t kRetryMicroseconds = 10000;  // between attempts to open the socket
 constexpr std::uint8_t kTwoPortHub = 2;
+
+status::Number g_version(kStatusVersionName, kStatusVersion);
+status::Number g_state(kStatusState, SERVICE_STARTING);
 
 }  // namespace
 
@@ -31,7 +36,6 @@ UEventFrame::UEventFrame(std::shared_ptr<kipc::Interface>& interface, frame::Mes
     if (!m_netlink) ULOG(LOG_FAILED, "failed to new netlink instance");
     m_dev = new (std::nothrow) UDev(m_notifier);
     if (!m_dev) ULOG(LOG_FAILED, "failed to new dev instance");
-    ShowStatus(SERVICE_STARTING);
 }
 
 UEventFrame::~UEventFrame() {
@@ -52,7 +56,7 @@ void UEventFrame::event_handler(unsigned long, unsigned int, char*) {
             usleep(kRetryMicroseconds);
             return;
         case STATE_SCANNING:
-            ShowStatus(SERVICE_SCANNING);
+            g_state.Set(SERVICE_SCANNING);
             // The socket is open: what is plugged in meanwhile waits there as an event.
             if (m_dev) {
                 NotifyScanToUsb(MSGID_USB_SCAN_BEGIN);
@@ -61,17 +65,13 @@ void UEventFrame::event_handler(unsigned long, unsigned int, char*) {
                 NotifyHubCommunication();
             }
             m_state = STATE_RUNNING;
-            ShowStatus(SERVICE_RUNNING);
+            g_state.Set(SERVICE_RUNNING);
             return;
         case STATE_RUNNING:
             if (m_netlink) m_netlink->DriveNetLink();
             return;
     }
     ULOG(LOG_REFUSED, "unknown state:%d", m_state);
-}
-
-void UEventFrame::ShowStatus(E_SERVICE_STATE state) {
-    m_status.Show(STATUS_SERVICE, ServiceStatus{kStatusVersion, 0, state});
 }
 
 void UEventFrame::Init() {

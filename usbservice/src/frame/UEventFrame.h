@@ -7,9 +7,7 @@
 #include <vector>
 
 #include "platform/frame.h"
-#include "platform/status.h"
 #include "record/MessageId.h"
-#include "record/StatusRecord.h"
 
 namespace dcm::usb {
 
@@ -31,8 +29,6 @@ public:
     void NotifyHubCommunication();     // reports to diagnosis when the scan found no two-port hub
 
 private:
-    void ShowStatus(E_SERVICE_STATE state);
-
     enum E_STATE : unsigned int {
         STATE_INITIAL = 0,   // nothing reported yet
         STATE_OPENING = 1,   // no socket yet
@@ -44,7 +40,6 @@ private:
     UNetLink* m_netlink = nullptr;    // owned
     UDev* m_dev = nullptr;            // owned
     unsigned int m_state = STATE_INITIAL;
-    status::Row m_status;
 };
 
 }  // namespace dcm::usb

@@ -15,29 +15,23 @@ inline constexpr std::uint16_t kStatusVersion = 1;  // a reader refuses others
 
 // Kinds of rows, behind the platform's own (status::KIND_OF_OWNERS).
 enum E_STATUS_KIND : std::uint32_t {
-    STATUS_SERVICE = 256,  // one
-    STATUS_PORT = 257,     // one for each port with a state machine
-    STATUS_DEVICE = 258,   // one for each USB device of the node list
-    STATUS_MOUNT = 259,    // one for each mounted volume
-    STATUS_SETTINGS = 260  // one
+    STATUS_PORT = 256,     // one for each port with a state machine
+    STATUS_DEVICE = 257,   // one for each USB device of the node list
+    STATUS_MOUNT = 258,    // one for each mounted volume
+    STATUS_SETTINGS = 259  // one
 };
 
 // Names of numbers.
-inline constexpr const char* kStatusUevents = "uevents";  // received since start
-inline constexpr const char* kStatusNodes = "nodes";      // in the list
+inline constexpr const char* kStatusVersionName = "version";  // kStatusVersion
+inline constexpr const char* kStatusState = "state";          // E_SERVICE_STATE
+inline constexpr const char* kStatusUevents = "uevents";      // received since start
+inline constexpr const char* kStatusNodes = "nodes";          // in the list
 
 enum E_SERVICE_STATE : std::uint32_t {
     SERVICE_STARTING = 0,  // no socket for the kernel's events yet
     SERVICE_SCANNING = 1,  // what was plugged in before
     SERVICE_RUNNING = 2
 };
-
-struct [[gnu::packed]] ServiceStatus {
-    std::uint16_t version;  // kStatusVersion
-    std::uint16_t unused;
-    std::uint32_t state;  // E_SERVICE_STATE
-};
-static_assert(TakesBytes<ServiceStatus, 8>());
 
 struct [[gnu::packed]] DeviceStatus {
     std::uint32_t dev_type;  // E_DEV_TYPE
