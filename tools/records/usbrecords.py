@@ -16,9 +16,18 @@ import tomllib
 with open(pathlib.Path(__file__).with_name("records.toml"), "rb") as file:
     DESCRIPTION = tomllib.load(file)
 
-PROCESSES = DESCRIPTION["processes"]    # name of a process: its bit
+PROCESSES = {name: process["mask"] for name, process in DESCRIPTION["processes"].items()}   # its bit
 RECORDS = DESCRIPTION["record"]         # name of a record: its description
-WORDS = {name: {int(number, 0): word for number, word in words.items()}
+
+
+def enumerators(words):
+    """The numbers of an enumeration and what is said of each."""
+    for number, enumerator in words.items():
+        if number[0].isdigit():
+            yield int(number, 0), {"word": enumerator} if isinstance(enumerator, str) else enumerator
+
+
+WORDS = {name: {number: enumerator["word"] for number, enumerator in enumerators(words) if "word" in enumerator}
          for name, words in DESCRIPTION["words"].items()}
 
 NUMBERS = {"u8": "<B", "u16": "<H", "u32": "<I", "i32": "<i"}
@@ -46,6 +55,22 @@ def fixed(field):
     if field["type"] in NUMBERS:
         return struct.pack(NUMBERS[field["type"]], field["is"])
     return bytes.fromhex(field["is"])
+
+
+def carried(field):
+    """The numbers of its enumeration that a field carries."""
+    if "of" not in field:
+        return list(WORDS[field["words"]])
+    ranges = (part.partition("-") for part in field["of"].split())
+    return [number for first, _, last in ranges for number in range(int(first), int(last or first) + 1)]
+
+
+def meaning(record, field):
+    """What a field of a record (its description) says, for people; empty when its name says it all."""
+    here = record.get("meaning", {}).get(field["name"], field.get("says", ""))
+    if field.get("unused") or field.get("any"):
+        return here
+    return ", ".join(filter(None, (DESCRIPTION["meaning"].get(field["name"], ""), here)))
 
 
 class Record:

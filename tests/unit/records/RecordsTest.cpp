@@ -148,13 +148,13 @@ TEST(Set, TakesWordsNumbersTextsAndHexDigits) {
     EXPECT_TRUE(Set(FieldOf("mode_request", "pid"), "0x2D01", bytes));
     EXPECT_TRUE(Set(FieldOf("mode_request", "result"), "-1", bytes));
     EXPECT_TRUE(Set(FieldOf("mode_request", "serial"), std::string(63, 's'), bytes));
-    EXPECT_TRUE(Set(FieldOf("mode_request", "unused1"), "aB01", bytes));
+    EXPECT_TRUE(Set(FieldOf("mode_request", "unused"), "aB01", bytes));
     EXPECT_EQ(14, Number(FieldOf("mode_request", "id"), bytes));
     EXPECT_EQ(255, Number(FieldOf("mode_request", "port"), bytes));
     EXPECT_EQ(0x2D01, Number(FieldOf("mode_request", "pid"), bytes));
     EXPECT_EQ(-1, Number(FieldOf("mode_request", "result"), bytes));
     EXPECT_EQ(std::string(63, 's'), Text(FieldOf("mode_request", "serial"), bytes));
-    EXPECT_EQ("ab0100", Say(FieldOf("mode_request", "unused1"), bytes));
+    EXPECT_EQ("ab0100", Say(FieldOf("mode_request", "unused"), bytes));
     EXPECT_TRUE(Set(FieldOf("mode_request", "serial"), "short", bytes));
     EXPECT_THAT(Faults(*Find("mode_request"), bytes), IsEmpty()) << "the old text's rest is gone";
 }
@@ -174,9 +174,9 @@ TEST(Set, RefusesWhatTheFieldCannotHoldAndChangesNothing) {
                                                                {"id", "--1"},
                                                                {"result", "2147483648"},
                                                                {"result", "-2147483649"},
-                                                               {"unused1", "abc"},
-                                                               {"unused1", "zz"},
-                                                               {"unused1", "01020304"},
+                                                               {"unused", "abc"},
+                                                               {"unused", "zz"},
+                                                               {"unused", "01020304"},
                                                                {"serial", std::string(64, 's')},
                                                                {"serial", std::string("a\0b", 3)}};
     for (const auto& [name, value] : values) {

@@ -2,6 +2,7 @@
 
 #include "misc/ULog.h"
 #include "notify/UNotifier.h"
+#include "record/Device.h"
 
 namespace dcm::usb {
 

@@ -11,6 +11,7 @@
 #include "misc/UMisc.h"
 #include "node/UListNode.h"
 #include "notify/UNotifier.h"
+#include "record/Device.h"
 #include "record/DiagPacket.h"
 #include "record/FrameMessage.h"
 #include "record/StatusRecord.h"

@@ -5,6 +5,7 @@
 #include "misc/ULog.h"
 #include "platform/dcm.h"
 #include "platform/frame.h"
+#include "record/Device.h"
 #include "record/MonitorMessage.h"
 #include "setting/USetting.h"
 

@@ -5,6 +5,7 @@
 #include "misc/ULog.h"
 #include "misc/UMisc.h"
 #include "notify/UNotifier.h"
+#include "record/Device.h"
 #include "record/SdcmRecord.h"
 #include "record/StatusRecord.h"
 

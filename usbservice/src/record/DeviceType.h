@@ -1,4 +1,5 @@
 // What a USB device is, as records name it.
+// Generated from tools/records/records.toml by tools/records/generate.py; do not edit.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +20,7 @@ enum E_DEV_TYPE : std::uint32_t {
     DEV_TYPE_MTP = 10,
     DEV_TYPE_RESERVED_11 = 11,  // never given to a device
     DEV_TYPE_INPUT = 12,
-    DEV_TYPE_ANY = 13  // in a search: any type but hub; in a media record: the node's own type
+    DEV_TYPE_ANY = 13  // in a search: any but hub; in a media record: the node's own
 };
 
 }  // namespace dcm::usb

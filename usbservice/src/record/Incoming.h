@@ -1,29 +1,31 @@
 // What other processes of the head unit send to the service.
+// Generated from tools/records/records.toml by tools/records/generate.py; do not edit.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
+#include "record/Process.h"
 #include "record/Text.h"
 
 namespace dcm::usb {
-
-// Senders, besides kSourceUsb: one bit per process, as in the destinations; 0 is the shared settings store.
-inline constexpr unsigned long kSourceSettings = 0;
 
 struct [[gnu::packed]] MediaCommand {
     std::uint32_t unused;
     std::uint32_t cmd;  // E_CMD
     std::uint32_t unused2;
-    std::uint8_t dev_type;
+    std::uint8_t dev_type;  // E_DEV_TYPE, only logged
     std::uint8_t unused3[3];
-    std::uint8_t port;
+    std::uint8_t port;  // only logged: both ports are searched
     std::uint8_t unused4[3];
 };
 static_assert(TakesBytes<MediaCommand, 20>());
 static_assert(offsetof(MediaCommand, cmd) == 4);
+static_assert(offsetof(MediaCommand, unused2) == 8);
 static_assert(offsetof(MediaCommand, dev_type) == 12);
+static_assert(offsetof(MediaCommand, unused3) == 13);
 static_assert(offsetof(MediaCommand, port) == 16);
+static_assert(offsetof(MediaCommand, unused4) == 17);
 
 struct [[gnu::packed]] DiagRequest {
     std::uint8_t command;      // 0x83
@@ -33,6 +35,9 @@ struct [[gnu::packed]] DiagRequest {
     std::uint8_t data[4];
 };
 static_assert(TakesBytes<DiagRequest, 9>());
+static_assert(offsetof(DiagRequest, sub_command) == 1);
+static_assert(offsetof(DiagRequest, service) == 2);
+static_assert(offsetof(DiagRequest, rdid) == 3);
 static_assert(offsetof(DiagRequest, data) == 5);
 
 struct [[gnu::packed]] PowerNotification {
@@ -42,6 +47,8 @@ struct [[gnu::packed]] PowerNotification {
     std::uint8_t value[4];
 };
 static_assert(TakesBytes<PowerNotification, 7>());
+static_assert(offsetof(PowerNotification, sub_command) == 1);
+static_assert(offsetof(PowerNotification, kind) == 2);
 static_assert(offsetof(PowerNotification, value) == 3);
 
 struct [[gnu::packed]] TestCommand {
@@ -51,5 +58,6 @@ struct [[gnu::packed]] TestCommand {
 };
 static_assert(TakesBytes<TestCommand, 5>());
 static_assert(offsetof(TestCommand, extra_command) == 3);
+static_assert(offsetof(TestCommand, port) == 4);
 
 }  // namespace dcm::usb

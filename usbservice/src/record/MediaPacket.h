@@ -1,28 +1,15 @@
 // Packets to the media service and the other listeners of USB and storage events.
+// Generated from tools/records/records.toml by tools/records/generate.py; do not edit.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
 #include "record/FrameMessage.h"
+#include "record/Process.h"
 #include "record/Text.h"
 
 namespace dcm::usb {
-
-// Destinations of packets, one bit per process of the head unit.
-inline constexpr unsigned long kDestVoltage = 0x0000000000000200;
-inline constexpr unsigned long kDestMedia = 0x0000000000800000;
-inline constexpr unsigned long kDestNavi = 0x0000000002000000;
-inline constexpr unsigned long kDestSpeech = 0x0000004000000000;
-inline constexpr unsigned long kDestTestInterface = 0x0000040000000000;
-inline constexpr unsigned long kDestDiagnosis = 0x0800000000000000;
-inline constexpr unsigned long kDestPower = 0x8000000000000000;  // sends to the service only
-inline constexpr unsigned long kDestUsbSet = kDestMedia | kDestSpeech;
-// Media, speech and navigation, and six listeners (bits 14, 21, 35, 41, 43, 45) that are never gated.
-inline constexpr unsigned long kDestStorageSet = 0x00002A4802A04000;
-static_assert(kDestUsbSet == 0x0000004000800000);
-static_assert((kDestStorageSet & (kDestMedia | kDestNavi | kDestSpeech)) ==
-              (kDestMedia | kDestNavi | kDestSpeech));
 
 // What a media packet says happened; also the media player's own commands.
 enum E_CMD : std::uint32_t {
@@ -45,6 +32,7 @@ enum E_SUB_CMD : std::uint32_t {
     SUB_CMD_MOUNT_BUSY = 10
 };
 
+// How the supply of the hub is.
 enum E_VOLTAGE_SECTION : std::uint32_t {
     VOLTAGE_NON_CRITICAL = 1,
     VOLTAGE_CRITICAL = 2,
@@ -85,25 +73,7 @@ static_assert(offsetof(st_usb_pkt, manufacturer) == 164);
 static_assert(offsetof(st_usb_pkt, devpath) == 228);
 static_assert(offsetof(st_usb_pkt, usb_class) == 356);
 static_assert(offsetof(st_usb_pkt, speed) == 357);
-
-// What media is told of a device.
-inline st_usb_pkt MediaPacketOf(E_CMD cmd, E_SUB_CMD sub_cmd, const UMsgNode& device) {
-    st_usb_pkt packet{};
-    packet.kind = kMediaPacketKind;
-    packet.cmd = cmd;
-    packet.sub_cmd = sub_cmd;
-    packet.dev_type = device.dev_type;
-    packet.port = device.port % 10;
-    packet.vid = device.vid;
-    packet.pid = device.pid;
-    CopyText(packet.serial, device.serial);
-    CopyText(packet.product, device.product);
-    CopyText(packet.manufacturer, device.manufacturer);
-    CopyText(packet.devpath, device.devpath);
-    packet.usb_class = device.usb_class;
-    packet.speed = static_cast<std::uint8_t>(device.speed);
-    return packet;
-}
+static_assert(offsetof(st_usb_pkt, unused) == 358);
 
 struct [[gnu::packed]] st_storage_pkt {
     std::uint32_t kind;      // kMediaPacketKind
@@ -132,17 +102,23 @@ static_assert(offsetof(st_storage_pkt, uuid) == 85);
 static_assert(offsetof(st_storage_pkt, fs_type) == 117);
 static_assert(offsetof(st_storage_pkt, usb_class) == 133);
 static_assert(offsetof(st_storage_pkt, speed) == 134);
+static_assert(offsetof(st_storage_pkt, unused) == 135);
 
 // To the media service.
 struct [[gnu::packed]] MediaVoltagePacket {
     std::uint32_t kind;      // 0
     std::uint32_t cmd;       // CMD_VOLTAGE_SECTION
-    std::uint32_t sub_cmd;   // 0
-    std::uint32_t dev_type;  // 6
+    std::uint32_t sub_cmd;   // SUB_CMD_NONE
+    std::uint32_t dev_type;  // DEV_TYPE_APPLE
     std::uint32_t port;
     std::uint32_t section;  // E_VOLTAGE_SECTION
 };
 static_assert(TakesBytes<MediaVoltagePacket, 24>());
+static_assert(offsetof(MediaVoltagePacket, cmd) == 4);
+static_assert(offsetof(MediaVoltagePacket, sub_cmd) == 8);
+static_assert(offsetof(MediaVoltagePacket, dev_type) == 12);
+static_assert(offsetof(MediaVoltagePacket, port) == 16);
+static_assert(offsetof(MediaVoltagePacket, section) == 20);
 
 // To the voltage listener.
 struct [[gnu::packed]] VoltagePacket {
@@ -151,5 +127,7 @@ struct [[gnu::packed]] VoltagePacket {
     std::uint32_t section;  // E_VOLTAGE_SECTION
 };
 static_assert(TakesBytes<VoltagePacket, 12>());
+static_assert(offsetof(VoltagePacket, port) == 4);
+static_assert(offsetof(VoltagePacket, section) == 8);
 
 }  // namespace dcm::usb

@@ -1,4 +1,5 @@
 // Numbers that name a message of the service's queues.
+// Generated from tools/records/records.toml by tools/records/generate.py; do not edit.
 #pragma once
 
 #include <cstdint>

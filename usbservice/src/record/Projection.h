@@ -1,12 +1,10 @@
 // Codes of the records about phones and projection modes.
+// Generated from tools/records/records.toml by tools/records/generate.py; do not edit.
 #pragma once
 
 #include <cstdint>
 
 namespace dcm::usb {
-
-// Answer to a mode request.
-enum E_RESULT : std::uint32_t { RESULT_OK = 0, RESULT_FAILED = 1 };
 
 // What a phone can do, one per projection mode.
 enum E_CAPABILITY : std::uint32_t {
@@ -15,5 +13,8 @@ enum E_CAPABILITY : std::uint32_t {
     CAPA_NOT_SUPPORTED = 2,
     CAPA_ACCESSORY = 3  // it is already in accessory mode
 };
+
+// Answer to a mode request.
+enum E_RESULT : std::uint32_t { RESULT_OK = 0, RESULT_FAILED = 1 };
 
 }  // namespace dcm::usb

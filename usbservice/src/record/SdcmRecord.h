@@ -1,4 +1,5 @@
 // Records to SDCM. The result of a mode request is a UMsgChMode.
+// Generated from tools/records/records.toml by tools/records/generate.py; do not edit.
 #pragma once
 
 #include <cstddef>
@@ -9,13 +10,15 @@
 
 namespace dcm::usb {
 
-// The scan at start begins or ended. The command frame's inbox takes the same form with its own ids.
+// The scan at start began or ended. The command frame's inbox takes the same form with its own ids.
 struct [[gnu::packed]] ScanRecord {
-    std::uint32_t sender;  // E_SENDER: 3 from the event frame to the command frame, 0 to SDCM
-    std::uint32_t id;      // MSGID_SCAN_BEGIN or MSGID_SCAN_END; MSGID_USB_SCAN_... on the inbox
-    std::uint32_t unused;  // 0: the port that gates read
+    std::uint32_t sender;  // E_SENDER: 3 between the frames, 0 to SDCM
+    std::uint32_t id;      // MSGID_SCAN_...; MSGID_USB_SCAN_... on the inbox
+    std::uint32_t unused;  // the port that gates read
 };
 static_assert(TakesBytes<ScanRecord, 12>());
+static_assert(offsetof(ScanRecord, id) == 4);
+static_assert(offsetof(ScanRecord, unused) == 8);
 
 // A phone came or went.
 struct [[gnu::packed]] DeviceEventRecord {
@@ -29,22 +32,28 @@ struct [[gnu::packed]] DeviceEventRecord {
     std::uint8_t usb_class;
     std::uint8_t unused2[3];
     std::uint32_t speed;
-    std::uint32_t aa_capa;
-    std::uint32_t ml_capa;
-    std::uint32_t cp_capa;
-    std::uint32_t cl_capa;
+    std::uint32_t aa_capa;  // E_CAPABILITY
+    std::uint32_t ml_capa;  // E_CAPABILITY
+    std::uint32_t cp_capa;  // E_CAPABILITY
+    std::uint32_t cl_capa;  // E_CAPABILITY
     char serial[64];
     char product[64];
     char manufacturer[64];
     char devpath[128];
 };
 static_assert(TakesBytes<DeviceEventRecord, 364>());
+static_assert(offsetof(DeviceEventRecord, unused) == 1);
+static_assert(offsetof(DeviceEventRecord, id) == 4);
 static_assert(offsetof(DeviceEventRecord, port) == 8);
+static_assert(offsetof(DeviceEventRecord, dev_type) == 12);
 static_assert(offsetof(DeviceEventRecord, vid) == 16);
 static_assert(offsetof(DeviceEventRecord, pid) == 18);
 static_assert(offsetof(DeviceEventRecord, usb_class) == 20);
+static_assert(offsetof(DeviceEventRecord, unused2) == 21);
 static_assert(offsetof(DeviceEventRecord, speed) == 24);
 static_assert(offsetof(DeviceEventRecord, aa_capa) == 28);
+static_assert(offsetof(DeviceEventRecord, ml_capa) == 32);
+static_assert(offsetof(DeviceEventRecord, cp_capa) == 36);
 static_assert(offsetof(DeviceEventRecord, cl_capa) == 40);
 static_assert(offsetof(DeviceEventRecord, serial) == 44);
 static_assert(offsetof(DeviceEventRecord, product) == 108);
