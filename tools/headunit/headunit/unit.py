@@ -59,9 +59,11 @@ class HeadUnit:
     image: folder with vmlinuz and initramfs.cpio (tools/headunit/make-image.py)
     board_id: text of the board's identity; None: the board has none
     module: further parameters of the board's module, e.g. {"disk_partno": 1}
+    listener: is given each line of the agent as (verb, rest), and ("over", "") when the guest is gone, by a thread of
+        the unit's own; it must not ask the unit for anything
     """
 
-    def __init__(self, image=None, board_id="X53", cpus=1, module=None, boot_timeout=60):
+    def __init__(self, image=None, board_id="X53", cpus=1, module=None, boot_timeout=60, listener=None):
         self.image = pathlib.Path(image or os.environ.get("HEADUNIT_IMAGE") or ROOT / "build/headunit")
         self.boot_timeout = boot_timeout
         self.boot_seconds = None   # from QEMU's start to the agent's word
@@ -69,6 +71,7 @@ class HeadUnit:
         self.vehicle_hub = Hub(ports=2, serial="VEHICLE")   # is plugged while booting; ids 0424:4504
         self.qmp = None
         self._cpus = cpus
+        self._listener = listener or (lambda verb, rest: None)
         self._module = {"board_id": "" if board_id is None else board_id, **(module or {})}
         self._folder = None
         self._qemu = None
@@ -200,17 +203,19 @@ class HeadUnit:
         try:
             with self._agent.makefile("rb") as lines:
                 for line in lines:
+                    verb, _, rest = line.rstrip(b"\n").decode(errors="backslashreplace").partition(" ")
                     with self._changed:
-                        self._take(line.rstrip(b"\n").decode(errors="backslashreplace"))
+                        self._take(verb, rest)
                         self._changed.notify_all()
+                    self._listener(verb, rest)
         except (OSError, ValueError):
             pass   # the channel is gone: told below
         with self._changed:
             self._over = True
             self._changed.notify_all()
+        self._listener("over", "")
 
-    def _take(self, line):
-        verb, _, rest = line.partition(" ")
+    def _take(self, verb, rest):
         if verb == "rec":
             stamp, receiver, text = rest.split(" ")
             self._records.append(Record(int(stamp) / 1e9, receiver, _from_hex(text)))
@@ -238,7 +243,7 @@ class HeadUnit:
         elif verb == "lost":
             self._errors.append(f"{rest} lines were lost on the way from the guest")
         else:
-            self._errors.append(rest if verb == "error" else line)
+            self._errors.append(rest if verb == "error" else f"{verb} {rest}")
 
     def _power(self, text):
         """Devices that are connected by a program of ours do not see their port lose its power: they are told."""
