@@ -283,12 +283,10 @@ def enumerate_alone():
 # --- the unit that they run on ---
 
 def furnish(unit):
-    """What an ordinary unit has when the service starts: its hub, a network adapter and a keyboard on it, and the
-    volumes of its own. No stick: identifying and mounting one is the work of others."""
-    unit.present_before_start(board.root_hub() + board.vehicle_hub())
-    unit.present_before_start(board.usb_device("1-1.1", 0x0B95, 0x1790, [board.Interface(board.VENDOR, 3)],
-                                               product="Adapter"))
-    unit.present_before_start(board.keyboard("1-1.2"))
+    """What an ordinary unit has when the service starts: its hub and something plugged into both ports, and the volumes
+    of its own. No stick: identifying and mounting one is the work of others."""
+    unit.present_before_start(board.root_hub() + board.vehicle_hub() + board.keyboard("1-1.1") +
+                              board.keyboard("1-1.2"))
     card = "/devices/platform/soc/8804000.sdhci/mmc_host/mmc0/mmc0:0001/block/mmcblk0"
     unit.show(board.Node(card, "block", dict(MAJOR=179, MINOR=0, DEVNAME="mmcblk0", DEVTYPE="disk", DISKSEQ=1)))
     for number in range(1, 25):
