@@ -1,5 +1,5 @@
 # What people type. Each target installs what it needs and is missing, and can be run again at any time.
-.PHONY: help build test demo install clean
+.PHONY: help build test demo bench install clean
 .DEFAULT_GOAL := help
 
 LABEL ?=

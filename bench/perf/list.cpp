@@ -15,7 +15,7 @@ namespace {
 using namespace dcm::usb;
 
 constexpr int kLogThreshold = 160;
-constexpr std::size_t kPaths = 100;
+constexpr std::size_t kPaths = 128;
 constexpr std::size_t kStep = 101;  // has no divisor in common with the numbers of nodes
 
 UListNode* list;
@@ -23,7 +23,7 @@ E_SUBSYSTEM subsystem;
 std::vector<std::string> come_and_go;
 
 void InsertFindRemove(long number) {
-    const char* path = come_and_go[static_cast<std::size_t>(number) % come_and_go.size()].c_str();
+    const char* path = come_and_go[static_cast<std::size_t>(number) % kPaths].c_str();
     if (list->InsertNode(subsystem, path, nullptr) != list->FindNode(path)) std::abort();
     list->RemoveNode(path);
 }
