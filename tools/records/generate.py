@@ -9,6 +9,7 @@ import functools
 import pathlib
 import sys
 
+import document
 import headers
 import table
 
@@ -17,6 +18,7 @@ MARK = "Generated from tools/records/records.toml by tools/records/generate.py; 
 
 # Each file that is made, and what makes its text.
 OUTPUTS = {
+    "docs/records.md": lambda: document.text(MARK),
     "tools/kipc/records/Table.inc": lambda: table.text(MARK),
     **{f"usbservice/src/record/{name}.h": functools.partial(headers.text, name, MARK) for name in headers.NAMES},
 }

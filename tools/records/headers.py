@@ -28,6 +28,10 @@ def width(field):
     return size_of(field["type"]) if field["type"] in STRUCTS else usbrecords.width(field)
 
 
+def is_hole(field):
+    return field.get("unused") or field.get("any")
+
+
 def flat(name):
     """(begin, end) of each field, with those of the structures in it in their place."""
     for field in fields_of(STRUCTS[name]):
@@ -48,6 +52,9 @@ def faults():
             for b, e in flat(struct):
                 if b < begin < e < end or begin < b < end < e:
                     yield f"{name}.{field['name']} begins or ends inside a member of {struct}"
+            for other in fields_of(STRUCTS[struct]):
+                if other["name"] == field["name"] and not is_hole(field) and other["at"] != field["at"]:
+                    yield f"{name}.{field['name']} is elsewhere in {struct}"
     for name, struct in STRUCTS.items():
         end = 0
         for field in fields_of(struct):
@@ -137,7 +144,8 @@ def processes():
             bits = [str(usbrecords.PROCESSES[receiver].bit_length() - 1) for receiver in record["to"]
                     if receiver not in names]
             others = f", and the processes of bits {', '.join(bits)}" if bits else ""
-            yield [*comment_above(f"Who gets an {name}: {', '.join(names)}{others}."), f"{declare} {record['destinations']} = {hexadecimal(mask, 16)};"]
+            yield [*comment_above(f"Who gets an {name}: {', '.join(names)}{others}."),
+                   f"{declare} {record['destinations']} = {hexadecimal(mask, 16)};"]
 
 
 def field_constants(header):

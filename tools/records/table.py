@@ -19,8 +19,9 @@ def field_row(record, field):
     always = usbrecords.fixed(field)
     always = "{}" if always is None else f"{{{literal(always)}, {len(always)}}}"
     flags = ", ".join("true" if field.get(flag) else "false" for flag in ("hex", "unused", "any"))
+    says = literal(usbrecords.meaning(record, field))
     return (f"{{{literal(field['name'])}, {field['at']}, {usbrecords.width(field)}, "
-            f"{KINDS[usbrecords.kind_of(field)]}, {words}, {always}, {flags}, {literal(usbrecords.meaning(record, field))}}}")
+            f"{KINDS[usbrecords.kind_of(field)]}, {words}, {always}, {flags}, {says}}}")
 
 
 def text(mark):

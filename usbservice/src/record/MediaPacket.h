@@ -21,6 +21,7 @@ enum E_CMD : std::uint32_t {
     CMD_VOLTAGE_SECTION = 19
 };
 
+// Of an error, what is wrong. Mount errors (2, 6, 9, 10) are not sent.
 enum E_SUB_CMD : std::uint32_t {
     SUB_CMD_NONE = 0,
     SUB_CMD_UNSUPPORTED_DEVICE = 1,

@@ -12,8 +12,8 @@ namespace dcm::usb {
 
 // The scan at start began or ended. The command frame's inbox takes the same form with its own ids.
 struct [[gnu::packed]] ScanRecord {
-    std::uint32_t sender;  // E_SENDER: 3 between the frames, 0 to SDCM
-    std::uint32_t id;      // MSGID_SCAN_...; MSGID_USB_SCAN_... on the inbox
+    std::uint32_t sender;  // E_SENDER; 3 between the frames
+    std::uint32_t id;      // MSGID_SCAN_..., inbox: MSGID_USB_...
     std::uint32_t unused;  // the port that gates read
 };
 static_assert(TakesBytes<ScanRecord, 12>());
@@ -29,7 +29,7 @@ struct [[gnu::packed]] DeviceEventRecord {
     std::uint32_t dev_type;  // E_DEV_TYPE
     std::uint16_t vid;
     std::uint16_t pid;
-    std::uint8_t usb_class;
+    std::uint8_t usb_class;  // of the first interface
     std::uint8_t unused2[3];
     std::uint32_t speed;
     std::uint32_t aa_capa;  // E_CAPABILITY
