@@ -73,19 +73,20 @@ private:
 Parser::Parser() {
     m_order.options.root = RootFolder();
     m_app.get_formatter()->column_width(kHelpColumn);
+    m_app.set_version_flag("--version", KIPCSEND_VERSION);
     m_app.require_subcommand(1);
     m_app.fallthrough();
-    m_app.add_option("--root", m_order.options.root, "folder of the sockets (else KIPC_DIR, else /run/kipc)")
+    m_app.add_option("--dir", m_order.options.root, "Folder of the sockets; else KIPC_DIR, else /run/kipc")
         ->type_name("DIR")
         ->check(CLI::Validator([](std::string& folder) { return folder.empty() ? "is empty" : ""; }, ""));
     m_app
         .add_option("--timeout", m_timeout,
-                    "how long to wait for the answer; 0: not at all; else the request's own")
+                    "How long to wait for the answer; 0: not at all; else the request's own")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.0, 3600.0).description(""));
-    m_app.add_flag("-v,--verbose", m_order.options.verbose, "show what is sent, too");
-    m_app.add_flag("-n,--dry-run", m_order.options.dry_run, "show what would be sent, and send nothing");
-    m_app.add_flag("--json", m_json, "one JSON object a line");
+    m_app.add_flag("-v,--verbose", m_order.options.verbose, "Show what is sent, too");
+    m_app.add_flag("-n,--dry-run", m_order.options.dry_run, "Show what would be sent, and send nothing");
+    m_app.add_flag("--json", m_json, "One JSON object a line");
     m_app.footer(
         "Each peer has its requests: kipcsend PEER --help. These options may stand anywhere.\n"
         "Ends with 0: success, 1: answered with failure, 2: wrong use, 3: no answer, 4: the service was not\n"
@@ -144,11 +145,11 @@ void Parser::OnRequest(CLI::App* request, std::function<void()> make) {
 // --- SDCM ---
 
 void Parser::AddSdcm() {
-    CLI::App* sdcm = AddPeer("sdcm", "requests of the device connection manager (SDCM)");
+    CLI::App* sdcm = AddPeer("sdcm", "Requests of the device connection manager (SDCM)");
     for (const Mode& mode : Modes())
         AddMode(sdcm, mode);
     CLI::App* search = AddRequest(
-        sdcm, "search", "ask which phones are attached",
+        sdcm, "search", "Ask which phones are attached",
         "device_event, id=device attached, for each port where something is attached and no mode runs; "
         "nothing else (waits " +
             SecondsOf(SearchBySdcm().answer) + ")");
@@ -162,12 +163,12 @@ void Parser::AddMode(CLI::App* sdcm, const Mode& mode) {
                        ", result=done or failed; none for a port that never saw a device (waits " +
                        std::to_string(mode.timeout.count() / 1000) +
                        " s).\nWhat is not given is asked from the service's status socket, by --port");
-    std::string* port = AddText(request, "--port", "port number, of two digits behind a hub");
+    std::string* port = AddText(request, "--port", "Port number, of two digits behind a hub");
     std::string* devpath =
-        AddText(request, "--devpath", "sysfs path of the phone; the service takes the port from it");
-    std::string* vid = AddText(request, "--vid", "vendor id of the phone as it is now, hexadecimal");
-    std::string* pid = AddText(request, "--pid", "product id, the same");
-    std::string* serial = AddText(request, "--serial", "serial number");
+        AddText(request, "--devpath", "Sysfs path of the phone; the service takes the port from it");
+    std::string* vid = AddText(request, "--vid", "Vendor id of the phone as it is now, hexadecimal");
+    std::string* pid = AddText(request, "--pid", "Product id, the same");
+    std::string* serial = AddText(request, "--serial", "Serial number");
     std::string* devid =
         AddText(request, "--devid", "SDCM's own name of the phone; the answer gives it back");
     OnRequest(request, [=, this, &mode] {
@@ -182,32 +183,32 @@ void Parser::AddMode(CLI::App* sdcm, const Mode& mode) {
 // --- media ---
 
 void Parser::AddMedia() {
-    CLI::App* media = AddPeer("media", "requests of the media service");
+    CLI::App* media = AddPeer("media", "Requests of the media service");
     CLI::App* search = AddRequest(
-        media, "search", "ask which Apple and MTP devices are attached",
+        media, "search", "Ask which Apple and MTP devices are attached",
         "st_usb_pkt, cmd=attach, for each port with an Apple, Apple shuttle or MTP device and no mode; "
         "nothing else (waits " +
             SecondsOf(SearchByMedia("0", "0").answer) + ")");
     std::string* dev_type =
-        AddText(search, "--dev-type", "type in the request; the service only logs it", "none");
-    std::string* port = AddText(search, "--port", "port in the request; the service only logs it", "0");
+        AddText(search, "--dev-type", "Type in the request; the service only logs it", "none");
+    std::string* port = AddText(search, "--port", "Port in the request; the service only logs it", "0");
     OnRequest(search, [=, this] { m_order.request = SearchByMedia(*dev_type, *port); });
 }
 
 // --- diagnosis ---
 
 void Parser::AddDiag() {
-    CLI::App* diag = AddPeer("diag", "requests of vehicle diagnosis");
+    CLI::App* diag = AddPeer("diag", "Requests of vehicle diagnosis");
     AddAdaption(diag);
     CLI::App* coding =
-        AddRequest(diag, "coding", "set the media USB configuration",
+        AddRequest(diag, "coding", "Set the media USB configuration",
                    "none; what the service then tells media, navigation, speech and SDCM changes");
     std::string* value = AddText(coding, "--value", "0 to 3: nobody is told below 1, all are from 2 on");
     coding->get_option("--value")->required()->check(CLI::IsMember({"0", "1", "2", "3"}));
     OnRequest(coding, [=, this] { m_order.request = SetCoding(static_cast<unsigned>(std::stoul(*value))); });
 
     CLI::App* test =
-        AddRequest(diag, "self-test", "let the hub test its sockets",
+        AddRequest(diag, "self-test", "Let the hub test its sockets",
                    "two packets for each socket, then diag_test_result, result=good or bad (could not "
                    "run; then it comes alone) (waits " +
                        SecondsOf(RunSelfTest().answer) + ")");
@@ -215,12 +216,12 @@ void Parser::AddDiag() {
 }
 
 void Parser::AddAdaption(CLI::App* diag) {
-    CLI::App* adaption = AddRequest(diag, "adaption", "activate or deactivate the ports, always all four",
+    CLI::App* adaption = AddRequest(diag, "adaption", "Activate or deactivate the ports, always all four",
                                     "none; of an inactive port most peers hear nothing any more");
     std::vector<std::string*> ports;
     for (unsigned i = 1; i <= kAdaptionPorts; ++i) {
         const std::string option = "--port" + std::to_string(i);
-        ports.push_back(AddText(adaption, option, "on: active, off: not", "on"));
+        ports.push_back(AddText(adaption, option, "On: active, off: not", "on"));
         adaption->get_option(option)->check(CLI::IsMember({"on", "off"}))->capture_default_str();
     }
     OnRequest(adaption, [=, this] {
@@ -234,7 +235,7 @@ void Parser::AddAdaption(CLI::App* diag) {
 // --- power management ---
 
 void Parser::AddPower() {
-    CLI::App* power = AddPeer("power", "notifications of power management");
+    CLI::App* power = AddPeer("power", "Notifications of power management");
     struct Kind {
         const char* name;
         const char* about;
@@ -243,18 +244,18 @@ void Parser::AddPower() {
     };
     const Kind kinds[] = {
         {"states",
-         "tell the power states",
-         {{"--hmi-state", "power state of the HMI"},
-          {"--hmi-event", "its power event"},
-          {"--mmi-state", "power state of the MMI"},
-          {"--mmi-event", "its power event"}},
+         "Tell the power states",
+         {{"--hmi-state", "Power state of the HMI"},
+          {"--hmi-event", "Its power event"},
+          {"--mmi-state", "Power state of the MMI"},
+          {"--mmi-event", "Its power event"}},
          TellPowerStates},
         {"terminals",
-         "tell the states of the terminals (clamps)",
-         {{"--terminal15", "terminal 15"},
-          {"--terminal50", "terminal 50"},
-          {"--terminal-s", "terminal S"},
-          {"--terminal-x", "terminal X"}},
+         "Tell the states of the terminals (clamps)",
+         {{"--terminal15", "Terminal 15"},
+          {"--terminal50", "Terminal 50"},
+          {"--terminal-s", "Terminal S"},
+          {"--terminal-x", "Terminal X"}},
          TellTerminals},
     };
     for (const Kind& kind : kinds) {
@@ -276,9 +277,9 @@ void Parser::AddPower() {
 // --- test interface ---
 
 void Parser::AddTest() {
-    CLI::App* test = AddPeer("test", "requests of the test interface");
+    CLI::App* test = AddPeer("test", "Requests of the test interface");
     CLI::App* check = AddRequest(
-        test, "mount-check", "ask whether a stick is mounted at a port, and where",
+        test, "mount-check", "Ask whether a stick is mounted at a port, and where",
         "mount_check_result, mounted=yes (success) or no (waits " + SecondsOf(CheckMount(1).answer) + ")");
     std::string* port = AddText(check, "--port", "1 or 2");
     check->get_option("--port")->required()->check(CLI::IsMember({"1", "2"}));
@@ -289,19 +290,19 @@ void Parser::AddTest() {
 
 void Parser::AddSettings() {
     CLI::App* settings =
-        AddPeer("settings", "what the engineering menu writes to the settings store, and that it did");
-    CLI::App* changed = AddRequest(settings, "changed", "tell that a record of the store was written",
+        AddPeer("settings", "What the engineering menu writes to the settings store, and that it did");
+    CLI::App* changed = AddRequest(settings, "changed", "Tell that a record of the store was written",
                                    "none; the service reads the record, and logs what it finds");
-    std::string* path = AddText(changed, "--record", "path or name: shm_usb_cert or shm_usb_cert_persist");
+    std::string* path = AddText(changed, "--record", "Path or name: shm_usb_cert or shm_usb_cert_persist");
     changed->get_option("--record")->required();
     OnRequest(changed, [=, this] { m_order.request = TellSettingChanged(*path); });
 
     AddSwitches(settings);
 
     CLI::App* hub =
-        AddRequest(settings, "customer-hub", "write whether customers' hubs are supported, and tell it",
+        AddRequest(settings, "customer-hub", "Write whether customers' hubs are supported, and tell it",
                    "none; the service logs customer_hub_support");
-    std::string* support = AddText(hub, "--support", "on or off");
+    std::string* support = AddText(hub, "--support", "On or off");
     hub->get_option("--support")->required()->check(CLI::Validator(IsSwitchValue, ""));
     OnRequest(hub, [=, this] {
         m_order.change = HubChange{SwitchValue(*support)};
@@ -311,13 +312,13 @@ void Parser::AddSettings() {
 
 void Parser::AddSwitches(CLI::App* settings) {
     CLI::App* switches =
-        AddRequest(settings, "switches", "write the engineering menu's switches, and tell it",
+        AddRequest(settings, "switches", "Write the engineering menu's switches, and tell it",
                    "none; the service logs each switch with its old and new value");
     const std::vector<std::pair<const char*, const char*>> kSwitches = {
-        {"--signal-test1", "signal quality test on port 1: on, off or a number"},
-        {"--signal-test2", "the same on port 2"},
-        {"--device-mode1", "port 1 in device mode; the service acts only while CarPlay runs there"},
-        {"--device-mode2", "the same on port 2"}};
+        {"--signal-test1", "Signal quality test on port 1: on, off or a number"},
+        {"--signal-test2", "The same on port 2"},
+        {"--device-mode1", "Port 1 in device mode; the service acts only while CarPlay runs there"},
+        {"--device-mode2", "The same on port 2"}};
     std::vector<std::pair<CLI::Option*, std::string*>> values;
     for (const auto& [option, about] : kSwitches) {
         std::string* value = AddText(switches, option, about);
@@ -336,7 +337,7 @@ void Parser::AddSwitches(CLI::App* settings) {
 // --- anything ---
 
 void Parser::AddRaw() {
-    CLI::App* raw = m_app.add_subcommand("raw", "any bytes, or any record of the description");
+    CLI::App* raw = m_app.add_subcommand("raw", "Any bytes, or any record of the description");
     raw->footer(
         "Speaks as the peer that is named. No answer is awaited, unless --timeout is given: then all that "
         "comes\n"
@@ -347,9 +348,9 @@ void Parser::AddRaw() {
     std::string* sender = AddText(raw, "SENDER", "sdcm, media, diag, power, test or settings");
     raw->get_option("SENDER")->required()->check(CLI::IsMember(kPeers));
     std::string* name =
-        AddText(raw, "--record", "a record by its name, filled by FIELD=VALUE, the rest zero");
+        AddText(raw, "--record", "A record by its name, filled by FIELD=VALUE, the rest zero");
     auto values = std::make_shared<std::vector<std::string>>();
-    raw->add_option("BYTES", *values, "hex digits; with --record: FIELD=VALUE, by words or numbers");
+    raw->add_option("BYTES", *values, "Hex digits; with --record: FIELD=VALUE, by words or numbers");
     OnRequest(raw, [=, this] {
         if (name->empty()) {
             std::string digits;

@@ -22,17 +22,17 @@ constexpr milliseconds kSearch = 3s;       // nobody answers when nothing is att
 
 constexpr Mode kModes[] = {
     {"android-auto", "request Android Auto", "result of Android Auto", kModeChange,
-     "switch an attached Android phone to Android Auto"},
+     "Switch an attached Android phone to Android Auto"},
     {"mirrorlink", "request MirrorLink", "result of MirrorLink", kModeChange,
-     "switch an attached phone to MirrorLink"},
+     "Switch an attached phone to MirrorLink"},
     {"carplay", "request CarPlay", "result of CarPlay", kAtOnce,
-     "begin CarPlay with an iPhone that supports it"},
+     "Begin CarPlay with an iPhone that supports it"},
     {"carlife-android", "request CarLife on Android", "result of CarLife on Android", kModeChange,
-     "switch an attached Android phone to CarLife"},
+     "Switch an attached Android phone to CarLife"},
     {"carlife-iphone", "request CarLife on iPhone", "result of CarLife on iPhone", kAtOnce,
-     "begin CarLife with an attached iPhone"},
+     "Begin CarLife with an attached iPhone"},
     {"reset", "request reset", "result of reset", kReset,
-     "end the mode that runs (ids of the phone as it is now: an accessory's own)"},
+     "End the mode that runs (ids of the phone as it is now: an accessory's own)"},
 };
 
 constexpr unsigned kSearchedPorts = 2;
