@@ -27,7 +27,8 @@ def record_lines(name, record):
     receivers = ", ".join(literal(receiver) for receiver in record["to"])
     yield (f"    {{ name = {literal(name)}, size = {record['size']}, minimum = {record.get('minimum', record['size'])}, "
            f"longer = {'true' if 'minimum' in record else 'false'}, from = {literal(record['from'])},")
-    yield f"      to = {{ {receivers} }}, fields = {{"
+    yield f"      to = {{ {receivers} }},"
+    yield "      fields = {"
     for field in record["fields"]:
         yield field_line(field)
     yield "    } },"
@@ -36,8 +37,9 @@ def record_lines(name, record):
 def description():
     lines = ["local WORDS = {"]
     for name, words in usbrecords.WORDS.items():
-        pairs = ", ".join(f"[{number}] = {literal(word)}" for number, word in words.items())
-        lines.append(f"    {name} = {{ {pairs} }},")
+        lines.append(f"    {name} = {{")
+        lines += [f"        [{number}] = {literal(word)}," for number, word in words.items()]
+        lines.append("    },")
     lines += ["}", "local RECORDS = {"]
     for name, record in usbrecords.RECORDS.items():
         lines += record_lines(name, record)
