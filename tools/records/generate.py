@@ -11,6 +11,7 @@ import sys
 
 import document
 import headers
+import lua
 import table
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -20,6 +21,7 @@ MARK = "Generated from tools/records/records.toml by tools/records/generate.py; 
 OUTPUTS = {
     "docs/records.md": lambda: document.text(MARK),
     "tools/kipc/records/Table.inc": lambda: table.text(MARK),
+    "tools/kipc/wireshark/usbservice.lua": lambda: lua.renewed(ROOT / "tools/kipc/wireshark/usbservice.lua", MARK),
     **{f"usbservice/src/record/{name}.h": functools.partial(headers.text, name, MARK) for name in headers.NAMES},
 }
 

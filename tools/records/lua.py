@@ -1,6 +1,4 @@
 """The description of the records as tables in Lua, for the Wireshark dissector."""
-import pathlib
-
 import usbrecords
 
 BEGIN, END = "-- begin of the description\n", "-- end of the description\n"
@@ -46,10 +44,10 @@ def description():
     return "\n".join(lines + ["}"]) + "\n"
 
 
-def renewed(path: pathlib.Path):
+def renewed(path, mark):
     """The file at `path` with the description between its marks; the rest of it is written by hand."""
     before, begin, rest = path.read_text().partition(BEGIN)
     _, end, behind = rest.partition(END)
     if not begin or not end:
         raise ValueError(f"{path} has no marks for the description")
-    return before + begin + description() + end + behind
+    return before + begin + f"-- {mark}\n" + description() + end + behind

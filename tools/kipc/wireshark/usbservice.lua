@@ -6,8 +6,9 @@
 -- Filters: usbservice.sender, .receiver, .direction, .outcome, .lost, .record, .id, .port, .fault, and each field of
 -- each record as usbservice.RECORD.FIELD.
 
--- What the records mean. Generated from tools/records/records.toml by tools/records/generate.py; do not edit.
+-- What the records mean.
 -- begin of the description
+-- Generated from tools/records/records.toml by tools/records/generate.py; do not edit.
 local WORDS = {
     cmd = {
         [2] = "attach",
