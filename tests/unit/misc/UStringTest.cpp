@@ -122,9 +122,9 @@ TEST_F(UStringTest, ACopyOfNoLengthIsNull) {
 
 TEST_F(UStringTest, ACopyWithoutMemoryIsNull) {
     libc.counted = true;
-    libc.callocs_until_failure = 0;
+    libc.copies_until_failure = 0;
     const char* copy = UString::CreateString("abc");
-    libc.callocs_until_failure = 0;
+    libc.copies_until_failure = 0;
     const char* bounded = UString::CreateString("abc", 2);
     libc.counted = false;
     EXPECT_EQ(copy, nullptr);
@@ -169,7 +169,7 @@ TEST_F(UStringTest, AppendingTakesTheOldText) {
 TEST_F(UStringTest, AppendingWithoutMemoryTakesTheOldTextAllTheSame) {
     libc.counted = true;
     char* old = UString::CreateString("abc");
-    libc.callocs_until_failure = 0;
+    libc.copies_until_failure = 0;
     const char* joined = UString::AppendString(old, "de");
     libc.counted = false;
     EXPECT_EQ(joined, nullptr);
@@ -383,7 +383,7 @@ TEST_F(AttributeTest, FreesWhatADecimalValueWasReadFrom) {
 TEST_F(AttributeTest, HasNoValueRatherThanTheEndOfOneWhenMemoryRunsOut) {
     Set("/value", "abcdef\n");
     libc.counted = true;
-    libc.callocs_until_failure = 3;
+    libc.copies_until_failure = 3;
     const char* value = UString::GetInterfaceString(kDevice, "/value");
     libc.counted = false;
     EXPECT_EQ(value, nullptr);

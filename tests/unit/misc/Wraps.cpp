@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstring>
 
 namespace test {
 Libc libc;
@@ -15,7 +16,7 @@ using test::libc;
 
 extern "C" {
 
-void* __real_calloc(std::size_t count, std::size_t size);
+void* __real_malloc(std::size_t size);
 void __real_free(void* memory);
 int __real_open(const char* path, int flags, ...);
 int __real_close(int file);
@@ -24,12 +25,13 @@ int __real_posix_spawn(pid_t* child, const char* path, const posix_spawn_file_ac
                        char* const environment[]);
 pid_t __real_waitpid(pid_t child, int* status, int options);
 
-void* __wrap_calloc(std::size_t count, std::size_t size) {
-    if (!libc.counted) return __real_calloc(count, size);
-    if (libc.callocs_until_failure >= 0 && libc.callocs_until_failure-- == 0) return nullptr;
-    void* memory = __real_calloc(count, size);
-    libc.counted = false;  // the book itself needs no entry
-    libc.held[memory] = count * size;
+void* __wrap_malloc(std::size_t size) {
+    if (!libc.counted) return __real_malloc(size);
+    if (libc.copies_until_failure >= 0 && libc.copies_until_failure-- == 0) return nullptr;
+    void* memory = __real_malloc(size);
+    std::memset(memory, 0xA5, size);  // as used memory is
+    libc.counted = false;             // the book itself needs no entry
+    libc.held[memory] = size;
     libc.counted = true;
     return memory;
 }

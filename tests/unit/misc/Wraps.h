@@ -10,8 +10,8 @@ namespace test {
 struct Libc {
     // Memory: while `counted` is set, allocations of the helpers are written down.
     bool counted = false;
-    std::map<void*, std::size_t> held;  // handed out by calloc and not yet freed
-    int callocs_until_failure = -1;     // 0: the next one fails, and no later one; negative: none does
+    std::map<void*, std::size_t> held;  // handed out by malloc and not yet freed
+    int copies_until_failure = -1;      // 0: the next one fails, and no later one; negative: none does
 
     // Descriptors.
     int open_flags = -1;        // of the last open

@@ -239,6 +239,27 @@ TEST_F(UListNodeTest, AllNodesGoFromTheBack) {
     EXPECT_EQ(Find("/a"), again);
 }
 
+TEST_F(UListNodeTest, WhatWasAskedForLastIsUnknownOnceItIsRemoved) {
+    UNode* const above = Insert("/a");
+    UNode* const below = Insert("/a/b");
+    EXPECT_EQ(Find("/a/b"), below);
+    EXPECT_EQ(Find("/a/"), nullptr);
+    EXPECT_EQ(Find("/a/bc"), nullptr);
+    EXPECT_EQ(Find("/a/b"), below);
+    Remove("/a/b");
+    EXPECT_EQ(Find("/a/b"), nullptr);
+    Remove("/a/b");
+    EXPECT_EQ(Find("/a"), above);
+    Insert("/a/b");
+    Remove("/a");  // takes the one along that came last
+    EXPECT_EQ(Find("/a/b"), nullptr);
+    EXPECT_EQ(Find("/a"), nullptr);
+    UNode* const again = Insert("/a/b");
+    EXPECT_EQ(Find("/a/b"), again);
+    List().RemoveAllNodes();
+    EXPECT_EQ(Find("/a/b"), nullptr);
+}
+
 TEST_F(UListNodeTest, ItsOwnEndTakesTheNodesAlong) {
     Insert(SUBSYSTEM_TTY, "/a");
     const void* const list = &List();

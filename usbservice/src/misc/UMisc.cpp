@@ -28,8 +28,12 @@ struct Free {
 };
 using OwnedText = std::unique_ptr<char, Free>;
 
+// Room for so many characters, not filled, and the NUL behind them. calloc would take nothing from the
+// thread's own cache of the C library, which costs more than all the rest of a copy.
 char* NewText(std::size_t length) {
-    return static_cast<char*>(std::calloc(length + 1, 1));
+    char* text = static_cast<char*>(std::malloc(length + 1));
+    if (text) text[length] = '\0';
+    return text;
 }
 
 // Opens an attribute below the root of sysfs and leaves its path for the caller's log line; -1 on failure.
@@ -86,7 +90,10 @@ char* UString::CreateString(const char* src, int len) {
     if (!src || len <= 0) return nullptr;
     const std::size_t most = static_cast<std::size_t>(len);
     char* text = NewText(most);
-    if (text) std::memcpy(text, src, strnlen(src, most));
+    if (!text) return nullptr;
+    const std::size_t length = strnlen(src, most);
+    std::memcpy(text, src, length);
+    std::memset(text + length, 0, most - length);
     return text;
 }
 
@@ -101,12 +108,6 @@ char* UString::AppendString(char* dst, const char* src) {
     std::memcpy(text, dst, old_length);
     std::memcpy(text + old_length, src, length);
     return text;
-}
-
-void UString::DestroyString(char** p) {
-    if (!p) return;
-    std::free(*p);
-    *p = nullptr;
 }
 
 void UString::GetHexNum(int* out, int outSize, const char* in, char delim) {

@@ -2,9 +2,11 @@
 // (USpawn). Any thread.
 #pragma once
 
+#include <cstdlib>
+
 namespace dcm::usb {
 
-// Texts made here are calloc-ed, belong to the caller, and go back through DestroyString.
+// Texts made here are on the heap, belong to the caller, and go back through DestroyString.
 class UString {
 public:
     UString() = delete;
@@ -34,7 +36,11 @@ public:
     static char* AppendString(char* dst, const char* src);
 
     // Frees and sets to null.
-    static void DestroyString(char** p);
+    static void DestroyString(char** p) {
+        if (!p || !*p) return;
+        std::free(*p);
+        *p = nullptr;
+    }
 
     // Splits a text into hexadecimal numbers at runs of `delim`; entries behind the last number stay as they
     // are.

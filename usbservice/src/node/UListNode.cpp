@@ -10,12 +10,16 @@
 #include "node/UNodeNet.h"
 #include "node/UNodeTty.h"
 #include "node/UNodeUsb.h"
+#include "platform/status.h"
+#include "record/StatusRecord.h"
 
 namespace dcm::usb {
 
 namespace {
 
 constexpr std::size_t kGapsLeft = 64;  // places of removed nodes that are not worth closing
+
+status::Number g_nodes(kStatusNodes);
 
 UNodeUsb* AsUsb(UNode* node, int devtype) {
     if (node->GetSubSystem() != SUBSYSTEM_USB) return nullptr;
@@ -103,14 +107,13 @@ UNode* UListNode::InsertNode(E_SUBSYSTEM subsystem, const char* devpath, UNotifi
     return node;
 }
 
-void UListNode::Append(UNode* node, const UPathIndex::Key& key) {
+inline void UListNode::Append(UNode* node, const UPathIndex::Key& key) {
     node->m_place.position = m_lists.size();
     m_lists.push_back(node);
-    ++m_size;
+    g_nodes.Set(++m_size);
     if (!node->m_devpath) return;  // memory ran out: nobody can name this node
 
-    UNode* parent = m_index.FindDeepestAbove(key);
-    m_index.Insert(node, key);
+    UNode* parent = m_index.Insert(node, key);
     node->m_parent = parent;
     if (!parent) return;
     UNode*& last = parent->m_place.last_child;
@@ -138,13 +141,13 @@ void UListNode::Unlink(UNode* node) {
     }
     place.first_child = place.last_child = nullptr;
     m_lists[place.position] = nullptr;
-    --m_size;
+    g_nodes.Set(--m_size);
     CloseGaps();
 }
 
 // Moving all who came later at each removal would cost more the more nodes there are: gaps are closed when
 // they are the larger half.
-void UListNode::CloseGaps() {
+inline void UListNode::CloseGaps() {
     while (!m_lists.empty() && !m_lists.back())
         m_lists.pop_back();
     if (m_lists.size() <= 2 * m_size + kGapsLeft) return;
@@ -159,9 +162,8 @@ void UListNode::CloseGaps() {
 
 void UListNode::RemoveNode(const char* devpath) {
     if (!devpath) return;
-    const UPathIndex::Key key(devpath);
     Lock();
-    UNode* node = m_index.Find(key);
+    UNode* node = m_index.Find(devpath);
     if (!node) {
         Unlock();
         return;
@@ -189,9 +191,8 @@ void UListNode::RemoveAllNodes() {
 
 UNode* UListNode::FindNode(const char* devpath) {
     if (!devpath) return nullptr;
-    const UPathIndex::Key key(devpath);
     Lock();
-    UNode* node = m_index.Find(key);
+    UNode* node = m_index.Find(devpath);
     Unlock();
     return node;
 }

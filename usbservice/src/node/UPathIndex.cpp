@@ -82,7 +82,18 @@ UNode* UPathIndex::Find(const Key& key) const {
     return key.m_length == 0 ? nullptr : FindHashed(key.m_hash, key.m_path, key.m_length);
 }
 
-UNode* UPathIndex::FindDeepestAbove(const Key& key) const {
+UNode* UPathIndex::FindAndRemember(const char* path) {
+    UNode* node = Find(Key(path));
+    if (node) Remember(node);
+    return node;
+}
+
+inline void UPathIndex::Remember(UNode* node) {
+    m_recent = node;
+    m_recent_path = node->m_devpath;
+}
+
+inline UNode* UPathIndex::FindDeepestAbove(const Key& key) {
     if (key.m_length == 0) return nullptr;
     const std::uint16_t* slots = m_ends.data();
     const unsigned shift = kHashBits - m_bits - kEndsBits;
@@ -96,29 +107,38 @@ UNode* UPathIndex::FindDeepestAbove(const Key& key) const {
             const std::size_t length = strides * kStride + bit + 1;
             if (UNode* node = FindHashed(HashEnd(stem, key.m_path, length), key.m_path, length)) return node;
             ends ^= 1u << bit;
+            ++m_vain;
         }
     }
     return nullptr;
 }
 
-void UPathIndex::Insert(UNode* node, const Key& key) {
-    if (m_size == m_buckets.size()) Rebuild(m_bits + 1);
+UNode* UPathIndex::Insert(UNode* node, const Key& key) {
+    UNode* above = FindDeepestAbove(key);
+    if (m_size == m_buckets.size())
+        Rebuild(m_bits + 1);
+    else if (m_vain > m_buckets.size())
+        Rebuild(m_bits);  // without the ends of the paths that were removed
     UNode::Place& place = node->m_place;
     place.path_length = key.m_length;
     place.path_hash = key.m_hash;
     place.stem_hash = key.m_stems[key.m_last];
     Link(node);
     ++m_size;
+    Remember(node);
+    return above;
 }
 
 void UPathIndex::Remove(UNode* node) {
+    if (node == m_recent) {
+        m_recent = nullptr;
+        m_recent_path = "";
+    }
     UNode** link = &m_buckets[node->m_place.path_hash >> (kHashBits - m_bits)];
     while (*link != node)
         link = &(*link)->m_place.next_in_bucket;
     *link = node->m_place.next_in_bucket;
-    --m_size;
-    // Other paths may end there too, so the bit stays; now and then all bits are set anew.
-    if (++m_removed > m_buckets.size()) Rebuild(m_bits);
+    --m_size;  // Other paths may end where this one did, so the bit in m_ends stays.
 }
 
 inline void UPathIndex::Link(UNode* node) {
@@ -135,7 +155,7 @@ void UPathIndex::Rebuild(unsigned bits) {
     m_bits = bits;
     m_buckets.assign(std::size_t{1} << bits, nullptr);
     m_ends.assign(std::size_t{1} << (bits + kEndsBits), 0);
-    m_removed = 0;
+    m_vain = 0;
     for (UNode* node : old) {
         while (node) {
             UNode* next = node->m_place.next_in_bucket;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -41,15 +42,20 @@ public:
     UPathIndex();
 
     UNode* Find(const Key& key) const;
-    // The node with the longest path that is a proper prefix, or null.
-    UNode* FindDeepestAbove(const Key& key) const;
+    UNode* Find(const char* path) {  // not null
+        return std::strcmp(path, m_recent_path) == 0 ? m_recent : FindAndRemember(path);
+    }
 
-    // The key is the node's path, which must not be in the index yet and not empty.
-    void Insert(UNode* node, const Key& key);
+    // The key is the node's path, which must not be in the index yet and not empty. Returns the node with the
+    // longest path that is a proper prefix, or null.
+    UNode* Insert(UNode* node, const Key& key);
     void Remove(UNode* node);
 
 private:
     UNode* FindHashed(std::uint64_t hash, const char* path, std::size_t length) const;
+    UNode* FindAndRemember(const char* path);
+    UNode* FindDeepestAbove(const Key& key);
+    void Remember(UNode* node);
     void Link(UNode* node);
     void Rebuild(unsigned bits);
 
@@ -57,9 +63,11 @@ private:
     unsigned m_bits;                // two to the power of it are the buckets
     std::vector<UNode*> m_buckets;  // by the path's hash
     std::vector<std::uint16_t>
-        m_ends;  // by the stem's hash: bit 0, a path may end one byte behind the stem, ...
+        m_ends;                 // by the stem's hash: bit 0, a path may end one byte behind the stem, ...
+    UNode* m_recent = nullptr;  // inserted or found last: an event asks for the same one several times
+    const char* m_recent_path = "";  // its own
     std::size_t m_size = 0;
-    std::size_t m_removed = 0;  // since m_ends was made: their bits are still set
+    std::size_t m_vain = 0;  // looks for a path that ended nowhere, since m_ends was made
 };
 
 }  // namespace dcm::usb
