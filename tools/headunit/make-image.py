@@ -1,12 +1,11 @@
 #!/usr/bin/python3
 """Builds the guest's initramfs into build/headunit/: busybox, kernel modules, the board's own, blkid, agent, service,
-the driver of /dev/css.
+the driver of /dev/css, and the programs for those who work with the service.
 
     tools/headunit/make-image.py [--build build/arm64] [--output build/headunit]
 
 Needs what tools/fetch-guest.sh put into .cache, and the cross build in --build: its guest/agent, guest/usbcontrol, and
-when they exist usbservice/usbservice, platform/css/css and guest/settings (without them the guest boots, but has no
-service or no /dev/css). Needs no root.
+the others of OPTIONAL when they exist (without them the guest boots, but has no service or no /dev/css). Needs no root.
 """
 import argparse
 import fcntl
@@ -40,6 +39,12 @@ MODULES = """
 
 # In the image, but loaded only by a test that wants them.
 SPARE_MODULES = "hfsplus loop".split()
+
+# Programs of the cross build that are put into the image when they are there.
+OPTIONAL = """
+    usbservice/usbservice platform/css/css guest/settings
+    tools/kipc/monitor/kipcmon tools/kipc/send/kipcsend tools/kipc/ports/usbservice-ports
+""".split()
 
 # Debian's busybox has more; these are what the service, init and the tests call.
 APPLETS = """
@@ -191,7 +196,7 @@ def write_image(path, release, modules, build):
     arm64 = CACHE / "arm64"
     programs = {"usr/bin/blkid2": arm64 / "usr/sbin/blkid", "usr/bin/agent": build / "guest/agent",
                 "usr/bin/usbcontrol": build / "guest/usbcontrol"}
-    for program in ("usbservice/usbservice", "platform/css/css", "guest/settings"):
+    for program in OPTIONAL:
         if (build / program).exists():
             programs[f"usr/bin/{os.path.basename(program)}"] = build / program
     archive = Archive(path)

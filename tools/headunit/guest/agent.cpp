@@ -14,6 +14,11 @@
 //   start [VAR=value ...]                  started <pid>  or  error start: <reason>
 //   stop <signal>                          (the signal is sent; "exited" follows when the service is gone)
 //   clock                                  clock <ns>
+//   status                                 status <hex>  (datagrams of the service's status socket, joined;
+//   "-":
+//                                              the service does not answer)
+//   tap                                    tapping; from then on each datagram of the tap:
+//                                          tap <hex>
 //                                          exited code <n>  or  exited signal <n>, after its last log line
 //                                          ready                        once, when everything is set up
 //                                          rec <ns> <receiver> <hex>    one record from the service
@@ -57,6 +62,8 @@ constexpr const char* kPortName = "headunit.agent";
 constexpr const char* kService = "/usr/bin/usbservice";
 constexpr const char* kInboxRoot = "/run/kipc";
 constexpr const char* kServiceInbox = "/run/kipc/usb";
+constexpr const char* kStatusSocket = "/run/kipc/usb/status";
+constexpr const char* kTapSocket = "/run/kipc/tap";
 constexpr std::size_t kBacklogBytes = 64U << 20;  // what may wait for a host that does not read
 constexpr std::size_t kRecordBytes = 256U << 10;  // above what a sender's socket buffer lets through
 constexpr std::size_t kLineBytes = 64U << 10;  // a log line without end is forwarded in pieces of this size
@@ -217,19 +224,20 @@ private:
     std::uint64_t m_lost = 0;
 };
 
-// One receiver of the service's records: its inbox and who has connected to it.
+// A socket that records arrive at, and who has connected to it. Each record becomes a line: "rec" with the
+// time and the receiver's name, or without a name "tap".
 class Inbox {
 public:
-    explicit Inbox(std::string receiver) : m_receiver(std::move(receiver)) {}
+    Inbox(std::string path, std::string receiver)
+        : m_path(std::move(path)), m_receiver(std::move(receiver)) {}
 
     // 0 or an error number.
     int Open() {
-        const std::string folder = std::string(kInboxRoot) + '/' + m_receiver;
-        const std::string path = folder + "/usb";
-        const auto address = Address(path);
+        const auto address = Address(m_path);
         if (!address) return ENAMETOOLONG;
+        const std::string folder = m_path.substr(0, m_path.rfind('/'));
         if (mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST) return errno;
-        unlink(path.c_str());
+        unlink(m_path.c_str());
         m_listener.Reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         if (!m_listener) return errno;
         const auto* bound = reinterpret_cast<const sockaddr*>(&*address);
@@ -265,10 +273,12 @@ private:
             if (size > buffer.size())
                 channel.Send("error a record of " + std::to_string(size) + " bytes was cut");
             const std::string_view record(buffer.data(), std::min(size, buffer.size()));
-            channel.Send("rec " + Now() + ' ' + m_receiver + ' ' + ToHex(record));
+            const std::string head = m_receiver.empty() ? "tap " : "rec " + Now() + ' ' + m_receiver + ' ';
+            channel.Send(head + ToHex(record));
         }
     }
 
+    std::string m_path;
     std::string m_receiver;
     Descriptor m_listener;
     std::vector<Descriptor> m_peers;
@@ -326,20 +336,25 @@ public:
     }
 
     void Run() {
-        for (const char* receiver : kReceivers) {
-            Inbox inbox(receiver);
-            if (const int error = inbox.Open(); error != 0) {
-                m_channel.Send("error inbox " + std::string(receiver) + ": " + Reason(error));
-                continue;
-            }
-            m_inboxes.push_back(std::move(inbox));
-        }
+        for (const char* receiver : kReceivers)
+            OpenInbox(std::string(kInboxRoot) + '/' + receiver + "/usb", receiver);
         m_channel.Send("ready");
         while (true)
             Turn();
     }
 
 private:
+    // Whether it is open.
+    bool OpenInbox(const std::string& path, const std::string& receiver) {
+        Inbox inbox(path, receiver);
+        if (const int error = inbox.Open(); error != 0) {
+            m_channel.Send("error inbox " + path + ": " + Reason(error));
+            return false;
+        }
+        m_inboxes.push_back(std::move(inbox));
+        return true;
+    }
+
     // One round of the loop. Everything is non-blocking, so all are simply served whenever one of them is
     // ready.
     void Turn() {
@@ -351,6 +366,7 @@ private:
         for (const auto& [id, child] : m_commands)
             AddTo(polled, child);
         if (m_service) AddTo(polled, *m_service);
+        if (m_status) polled.push_back({m_status.get(), POLLIN, 0});
         polled.push_back({m_kernel.get(), POLLIN, 0});
         if (poll(polled.data(), polled.size(), -1) < 0) return;
         if ((polled[0].revents & POLLHUP) != 0) usleep(20'000);  // the host is not there: do not spin
@@ -359,6 +375,7 @@ private:
             inbox.Serve(m_channel);
         ServeService();
         ServeCommands();
+        ServeStatus();
         ForwardBoard();
         for (const auto& line : m_channel.Receive())
             Obey(line);
@@ -378,6 +395,8 @@ private:
         if (verb == "start") return StartService(line);
         if (verb == "stop") return StopService(line);
         if (verb == "clock") return m_channel.Send("clock " + Now());
+        if (verb == "status") return AskStatus();
+        if (verb == "tap") return ListenToTap();
         m_channel.Send("error unknown request: " + verb);
     }
 
@@ -502,6 +521,40 @@ private:
         }
     }
 
+    // The service answers whoever connects, without a question. One answer is awaited at a time: who asks
+    // meanwhile gets the same.
+    void AskStatus() {
+        if (m_status) return;
+        m_status_text.clear();
+        m_status.Reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        const auto address = Address(kStatusSocket);
+        const auto* there = reinterpret_cast<const sockaddr*>(&*address);
+        if (m_status && connect(m_status.get(), there, sizeof *address) == 0) return;
+        TellStatus();
+    }
+
+    void ServeStatus() {
+        static std::vector<char> buffer(kRecordBytes);
+        while (m_status) {
+            const ssize_t count = recv(m_status.get(), buffer.data(), buffer.size(), 0);
+            if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+            if (count < 0) m_status_text.clear();  // the service has died meanwhile
+            if (count <= 0) return TellStatus();
+            m_status_text.append(buffer.data(), static_cast<std::size_t>(count));
+        }
+    }
+
+    void TellStatus() {
+        m_status.Reset(-1);
+        m_channel.Send("status " + ToHex(m_status_text));
+    }
+
+    // The service looks for a listener when it has a record to show.
+    void ListenToTap() {
+        if (!m_is_tapping) m_is_tapping = OpenInbox(kTapSocket, "");
+        if (m_is_tapping) m_channel.Send("tapping");
+    }
+
     // A read of the kernel's log gives one line: "6,339,5140900,-;headunit_board: port 2 off".
     void ForwardBoard() {
         std::array<char, 8192> buffer;
@@ -524,6 +577,9 @@ private:
     std::map<std::string, Descriptor> m_senders;  // open connections to the service, by sender
     std::map<std::string, Child> m_commands;      // running commands, by the host's id
     std::optional<Child> m_service;
+    Descriptor m_status;        // connected while an answer is awaited
+    std::string m_status_text;  // what came of it until now
+    bool m_is_tapping = false;
 };
 
 // The port appears as /dev/vport<n>p<m>; only sysfs knows its name.

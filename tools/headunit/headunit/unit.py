@@ -90,6 +90,9 @@ class HeadUnit:
         self._board = []           # lines of the board's module: (time, text)
         self._dark = set()         # ports of the vehicle's hub without power: {"1.2"}
         self._clock = None         # answer to the question for the clock
+        self._tapping = False      # whether the agent listens to the tap
+        self._status = None        # answer to the question for the status
+        self._telling = threading.Lock()   # of the agent's channel
         self._sent = 0
         self._starts = []          # process ids of the services started
         self._service_end = None   # how the last one ended, None while it runs
@@ -240,6 +243,12 @@ class HeadUnit:
             stamp, _, text = rest.partition(" ")
             self._board.append((int(stamp) / 1e9, text))
             self._power(text)
+        elif verb == "tapping":
+            self._tapping = True
+        elif verb == "status":
+            self._status = _from_hex(rest)
+        elif verb == "tap":
+            pass   # for the listener only
         elif verb == "lost":
             self._errors.append(f"{rest} lines were lost on the way from the guest")
         else:
@@ -261,7 +270,8 @@ class HeadUnit:
 
     def _tell(self, line):
         try:
-            self._agent.sendall(line.encode() + b"\n")
+            with self._telling:
+                self._agent.sendall(line.encode() + b"\n")
         except OSError as error:
             raise HeadUnitError(f"the guest's channel is gone: {error}" + self._heard()) from error
 
@@ -387,6 +397,23 @@ class HeadUnit:
             before = self._sent
         self._tell(f"send {sender} {data.hex() or '-'}")
         self._until(lambda: self._sent > before, timeout, f"delivery of a record as {sender}")
+
+    def status(self, timeout=20):
+        """What the service's status socket gives: its datagrams, joined (platform/status.h). Empty without service."""
+        with self._changed:
+            self._status = None
+        self.ask_status()
+        self._until(lambda: self._status is not None, timeout, "the service's status")
+        return self._status
+
+    def ask_status(self):
+        """The same without waiting, by any thread: the listener gets ("status", hex)."""
+        self._tell("status")
+
+    def listen_to_tap(self, timeout=20):
+        """From now on the listener gets ("tap", hex) for each record in and out (platform/tap.h)."""
+        self._tell("tap")
+        self._until(lambda: self._tapping, timeout, "the tap")
 
     def now(self):
         """The guest's clock, the one of records and log lines."""
