@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "StatusBoard.h"
 #include "platform/mtp.h"
 #include "platform/trace.h"
 
@@ -102,6 +103,28 @@ std::vector<Queued> Drain(unsigned position) {
         records.push_back({record.src, Bytes(begin, begin + record.len)});
     }
     return records;
+}
+
+std::vector<Bytes> ShownBytes(std::uint32_t kind) {
+    std::vector<Bytes> records;
+    const status::Snapshot snapshot = status::Snapshot::Take();
+    const auto* at = reinterpret_cast<const std::uint8_t*>(snapshot.data());
+    const auto* const end = at + snapshot.size();
+    while (at < end) {
+        status::RecordHead head;
+        std::memcpy(&head, at, sizeof head);
+        at += sizeof head;
+        if (head.kind == kind) records.emplace_back(at, at + head.length);
+        at += head.length;
+    }
+    return records;
+}
+
+std::uint64_t ShownNumber(const std::string& name) {
+    for (const auto& number : Shown<status::NumberRecord>(status::KIND_NUMBER))
+        if (name == number.name) return number.value;
+    ADD_FAILURE() << "no number " << name;
+    return 0;
 }
 
 void KnowMtpDevice(unsigned short vid, unsigned short pid, const char* vendor, const char* product) {

@@ -1,6 +1,6 @@
 // A platform that writes down what leaves the service: log lines, packets, queued records. It is linked in
-// place of the real one (trace log, packets, MTP table, platform object); queues and frames are the real
-// ones. Any thread.
+// place of the real one (trace log, packets, MTP table, platform object); queues, frames and what is shown as
+// status are the real ones. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -70,6 +70,22 @@ void ClearLogs();
 std::vector<Packet> Packets();  // since the reset, or the last ClearPackets
 void ClearPackets();
 std::vector<Queued> Drain(unsigned position);  // what waits in dcm::DcmInterface's queue, oldest first
+
+// What is shown as status at this moment: the rows of a kind, in the order in which they were first shown,
+// and a number.
+std::vector<Bytes> ShownBytes(std::uint32_t kind);
+std::uint64_t ShownNumber(const std::string& name);
+template <typename Record>
+std::vector<Record> Shown(std::uint32_t kind) {
+    std::vector<Record> records;
+    for (const Bytes& bytes : ShownBytes(kind)) {
+        Record record;
+        EXPECT_EQ(bytes.size(), sizeof record);
+        std::memcpy(&record, bytes.data(), sizeof record);
+        records.push_back(record);
+    }
+    return records;
+}
 
 // Devices that get_vendor_product_flag knows; none after a reset.
 void KnowMtpDevice(unsigned short vid, unsigned short pid, const char* vendor, const char* product);

@@ -12,6 +12,7 @@
 #include "ListSpy.h"
 #include "gmock/gmock.h"
 #include "node/UListNode.h"
+#include "record/StatusRecord.h"
 #include "support/RecordingPlatform.h"
 
 namespace {
@@ -346,6 +347,17 @@ TEST_F(UNetLinkTest, GoesOnAfterGarbage) {
     EXPECT_THAT(list.calls, IsEmpty());
     EXPECT_EQ(Drive(*reader, "ACTION=remove|DEVPATH=/devices/x|SUBSYSTEM=usb|SEQNUM=6|"), 0);
     EXPECT_THAT(list.calls, ElementsAre("find /devices/x", "remove /devices/x"));
+}
+
+TEST_F(UNetLinkTest, CountsForToolsEachEventThatItHandledAndNoneThatItCouldNotRead) {
+    const auto reader = Open();
+    const std::uint64_t before = test::ShownNumber(kStatusUevents);
+    Drive(*reader, "ACTION=online|DEVPATH=/devices/x|SUBSYSTEM=cpu|");
+    Drive(*reader, "nothing that anybody knows");
+    EXPECT_EQ(test::ShownNumber(kStatusUevents), before + 2);
+    netlink.recv_error = EIO;
+    EXPECT_EQ(reader->DriveNetLink(), -1);
+    EXPECT_EQ(test::ShownNumber(kStatusUevents), before + 2);
 }
 
 // With the list itself behind it. Network nodes tell nobody that they are there.

@@ -9,6 +9,7 @@
 #include "gmock/gmock.h"
 #include "node/UListNode.h"
 #include "notify/UNotifier.h"
+#include "record/StatusRecord.h"
 #include "setting/USetting.h"
 #include "support/Format.h"
 
@@ -80,6 +81,16 @@ TEST_F(UEventFrame, OpensTheSocketBeforeItScansAndReadsEventsAfterwards) {
     Make();
     Step(6);
     EXPECT_THAT(Deeds(), ElementsAre("init netlink", "usleep 10000", "scan", "drive", "drive", "drive"));
+}
+
+TEST_F(UEventFrame, ShowsToolsHowFarTheStartIs) {
+    EXPECT_EQ(ShownNumber(dcm::usb::kStatusVersionName), dcm::usb::kStatusVersion);
+    std::uint64_t during_scan = 0;
+    TheStage().during_scan = [&] { during_scan = ShownNumber(dcm::usb::kStatusState); };
+    Make();
+    Step(3);
+    EXPECT_EQ(during_scan, dcm::usb::SERVICE_SCANNING);
+    EXPECT_EQ(ShownNumber(dcm::usb::kStatusState), dcm::usb::SERVICE_RUNNING);
 }
 
 TEST_F(UEventFrame, TriesToOpenTheSocketEveryTenMillisecondsUntilItSucceeds) {

@@ -7,6 +7,7 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "record/StatusRecord.h"
 #include "support/MemoryStore.h"
 #include "support/RecordingPlatform.h"
 
@@ -399,6 +400,47 @@ using USettingDeathTest = USettingTest;
 TEST_F(USettingDeathTest, StopsTheServiceWhenASecondOneIsMade) {
     Started();
     EXPECT_DEATH(USetting second, "USingleton.h:19: .*T = dcm::usb::USetting.*!m_pInstance");
+}
+
+// ---- What tools see of it
+
+TEST_F(USettingTest, ShowsToolsWhatIsSetAtEachChange) {
+    SetRecord(kCert, Hex("01000000 02000000 03000000 04000000"));
+    SetRecord(kPersist, Hex("00000000"));
+    USetting& setting = Started();
+    const auto shown = [] { return ::test::Shown<SettingsStatus>(STATUS_SETTINGS); };
+    ASSERT_THAT(shown(), ::testing::SizeIs(1));
+    SettingsStatus expected{};
+    expected.coding = 3;
+    expected.force_enable[0] = 1;
+    expected.force_enable[1] = 2;
+    expected.device_mode[0] = 3;
+    expected.device_mode[1] = 4;
+    EXPECT_EQ(::test::BytesOf(shown()[0]), ::test::BytesOf(expected)) << "after the start";
+
+    setting.SetUsbCoding(USB_CODING_1);
+    expected.coding = 1;
+    EXPECT_EQ(::test::BytesOf(shown()[0]), ::test::BytesOf(expected));
+
+    setting.SetUsbAdaption(1, USB_ADAPTION_ACTIVE);
+    setting.SetUsbAdaption(4, USB_ADAPTION_INACTIVE);
+    expected.adaption[0] = 1;
+    expected.adaption[3] = 2;
+    EXPECT_EQ(::test::BytesOf(shown()[0]), ::test::BytesOf(expected));
+
+    SetRecord(kCert, Hex("00000000 01000000 00000000 01000000"));
+    SetRecord(kPersist, Hex("01000000"));
+    EXPECT_TRUE(setting.UpdateUsbCert());
+    EXPECT_TRUE(setting.UpdateUsbCertPersist());
+    expected.force_enable[0] = 0;
+    expected.force_enable[1] = 1;
+    expected.device_mode[0] = 0;
+    expected.device_mode[1] = 1;
+    expected.customer_hub_support = 1;
+    EXPECT_EQ(::test::BytesOf(shown()[0]), ::test::BytesOf(expected));
+
+    USetting::Release();
+    EXPECT_THAT(shown(), IsEmpty());
 }
 
 }  // namespace
