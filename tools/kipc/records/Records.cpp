@@ -211,6 +211,7 @@ std::string Text(const Field& field, Bytes bytes) {
 }
 
 std::string_view WordOf(const Field& field, Bytes bytes) {
+    if (field.words.empty()) return {};  // not a number perhaps
     const auto found = std::ranges::find(field.words, Number(field, bytes),
                                          [](const Word& word) { return std::int64_t{word.number}; });
     return found == field.words.end() ? std::string_view() : found->word;
