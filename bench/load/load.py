@@ -2,7 +2,7 @@
 """What the service costs as a process, beside the floor below it: runs them in turn in a network, mount and process
 namespace of our own with a made-up /sys, tells the kernel of events there, and reads the kernel's accounting.
 
-    load.py --programs build/bench [--rounds 9] [--peers udevd busybox]       (root)
+    load.py --programs build/bench [--rounds 15] [--peers udevd busybox]       (root)
 
 Prints JSON; what it does meanwhile goes to standard error. Times are the kernel's, in nanoseconds, of all threads."""
 import argparse
@@ -207,12 +207,12 @@ class Load:
         reader.drain()
         return (reader.cpu() - before) / self.counts.full, lost() - lost_before, took / self.counts.full
 
-    def round(self, name, command=None):
+    def round(self, name, command=None, batches=1):
         with start(name, command) as reader:
             self.inject(self.counts.warm)
             reader.drain()
             # The cheapest of some: what else runs on the machine only adds.
-            batch = min(self.batch(reader) for _ in range(self.counts.batches))
+            batch = min(self.batch(reader) for _ in range(batches))
             full, missing, pace = self.full_speed(reader)
             return {"batch_ns": batch, "full_ns": full, "lost": missing, "pace_ns": pace}
 
@@ -340,7 +340,7 @@ def measure(counts, made):
               "rounds": [], "starts": [], "enumerations": [], "peers": {}, "missing_peers": missing}
     for number in range(counts.rounds):
         order = ["floor", "usbservice"] if number % 2 == 0 else ["usbservice", "floor"]
-        one = {name: load.round(name) for name in order}
+        one = {name: load.round(name, batches=counts.batches) for name in order}
         result["rounds"].append(one)
         tell(f"round {number + 1}: " + ", ".join(
             f"{name} {one[name]['batch_ns'] / 1000:.2f} µs an event, {one[name]['lost']} lost" for name in one))
@@ -353,7 +353,7 @@ def measure(counts, made):
     result["idle"] = idle(counts)
     for name, command in commands.items():
         try:
-            rounds = [load.round(name, command) for _ in range(min(counts.rounds, 3))]
+            rounds = [load.round(name, command) for _ in range(min(counts.rounds, 2))]
             with start(name, command) as reader:
                 time.sleep(1)
                 used = memory(reader.pid)
@@ -361,7 +361,7 @@ def measure(counts, made):
                 {"memory_kb": used}
             tell(f"{name}: {result['peers'][name]['batch_ns'] / 1000:.2f} µs an event")
         except NotMeasured as reason:
-            missing[name] = str(reason)
+            missing[name] = f"was not measured: {reason}"
     receivers.close()
     unit.controls.close()
     return result
@@ -370,12 +370,12 @@ def measure(counts, made):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--programs", required=True, type=pathlib.Path, help="build tree with bench_programs")
-    parser.add_argument("--rounds", type=int, default=9)
+    parser.add_argument("--rounds", type=int, default=15)
     parser.add_argument("--events", type=int, default=10000, help="of a batch")
     parser.add_argument("--batches", type=int, default=3, help="of a round; the cheapest counts")
     parser.add_argument("--full", type=int, default=100000, help="at full speed")
     parser.add_argument("--warm", type=int, default=2000, help="before a measurement")
-    parser.add_argument("--starts", type=int, default=21)
+    parser.add_argument("--starts", type=int, default=41)
     parser.add_argument("--idle", type=int, default=20, help="seconds")
     parser.add_argument("--peers", nargs="*", default=[])
     counts = parser.parse_args()
