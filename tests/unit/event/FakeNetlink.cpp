@@ -84,7 +84,10 @@ ssize_t __wrap_recv(int file, void* buffer, std::size_t size, int flags) {
     netlink.calls.push_back(Text("recv", {file, static_cast<long>(size), flags}));
     const char* begin = static_cast<const char*>(buffer);
     netlink.buffer_was_zero = std::all_of(begin, begin + size, [](char byte) { return byte == 0; });
-    if (netlink.recv_error) return Failed(netlink.recv_error);
+    if (netlink.recv_error) {
+        std::memset(buffer, 'x', size);
+        return Failed(netlink.recv_error);
+    }
     if (netlink.messages.empty()) return Failed(EAGAIN);
     const std::string message = netlink.messages.front();
     netlink.messages.pop_front();

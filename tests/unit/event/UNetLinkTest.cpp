@@ -152,6 +152,15 @@ TEST_F(UNetLinkTest, WaitsForTheSocketAloneAndReadsOneMessageIntoZeros) {
     EXPECT_THAT(Logs(), IsEmpty());
 }
 
+TEST_F(UNetLinkTest, ReadsIntoZerosWhateverCameBefore) {
+    const auto reader = Open();
+    for (const std::size_t length : {2560, 1, 279, 0, 2559, 3000, 280, 0, 279, 16, 2560, 2560}) {
+        netlink.recv_error = length == 279 ? EFAULT : 0;
+        Drive(*reader, std::string(length, 'x'));
+        EXPECT_TRUE(netlink.buffer_was_zero) << length;
+    }
+}
+
 TEST_F(UNetLinkTest, ReadsNothingIntoNothing) {
     const auto reader = Open();
     EXPECT_EQ(reader->RecvNetLinkData(nullptr), -1);

@@ -81,12 +81,14 @@ int UNetLink::RecvNetLinkData(UNetLinkData* data) {
         ULOG(LOG_FAILED, "set another fd");
         return -1;
     }
-    std::memset(m_buffer, 0, kReceiveBytes);
+    std::memset(m_buffer, 0, m_filled);  // the rest is still zero
+    m_filled = kReceiveBytes;
     const ssize_t length = recv(m_socket, m_buffer, kReceiveBytes, 0);
     if (length < 0) {
         ULOG(LOG_FAILED, "fail to read sock msg");
         return -1;
     }
+    m_filled = static_cast<std::size_t>(length);
     data->ParseData(m_buffer, static_cast<int>(length));
     return 0;
 }

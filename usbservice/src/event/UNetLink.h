@@ -2,6 +2,8 @@
 // time, and turns each into an operation on the list of nodes. Event frame's thread only.
 #pragma once
 
+#include <cstddef>
+
 #include "event/UNetLinkData.h"
 
 namespace dcm::usb {
@@ -44,9 +46,10 @@ private:
     int m_socket = -1;
     int m_max_fd = -1;  // for select: one more than the socket
     char m_buffer[kReceiveBytes + kZerosBehind] = {};
-    UNetLinkData m_data;    // points into m_buffer
-    UListNode* m_lists;     // not owned
-    UNotifier* m_notifier;  // not owned, may be null
+    std::size_t m_filled = 0;  // bytes of it that are perhaps not zero
+    UNetLinkData m_data;       // points into m_buffer
+    UListNode* m_lists;        // not owned
+    UNotifier* m_notifier;     // not owned, may be null
 };
 
 }  // namespace dcm::usb

@@ -1,7 +1,9 @@
 #include "event/UNetLinkData.h"
 
 #include <array>
+#include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -39,6 +41,32 @@ constexpr bool NoneEndsInAnother() {
 static_assert(EachEndsInItsOnlyEqualsSign());
 static_assert(NoneEndsInAnother());
 
+// The last eight letters of a key are compared as one word; the longest keys have one more.
+using Word = std::uint64_t;
+constexpr std::size_t kWordBytes = sizeof(Word);
+static_assert(kLongestKey <= kWordBytes + 2);
+
+struct Ending {
+    Word letters;
+    Word mask;   // 0 where the key has no letter
+    char first;  // of nine letters; 0 for a shorter key
+};
+constexpr std::array<Ending, kUeventKeys> kEndings = [] {
+    std::array<Ending, kUeventKeys> endings;
+    for (int key = 0; key < kUeventKeys; ++key) {
+        std::array<char, kWordBytes> letters = {};
+        std::array<char, kWordBytes> mask = {};
+        const std::size_t size = kKeys[key].size() - 1;
+        for (std::size_t at = 1; at <= size && at <= kWordBytes; ++at) {
+            letters[kWordBytes - at] = kKeys[key][size - at];
+            mask[kWordBytes - at] = '\xff';
+        }
+        const char first = size > kWordBytes ? kKeys[key][0] : '\0';
+        endings[key] = {std::bit_cast<Word>(letters), std::bit_cast<Word>(mask), first};
+    }
+    return endings;
+}();
+
 // The keys by the letter that stands so many places before their '=': the place that tells most keys apart.
 constexpr std::size_t kTellingPlace = 4;
 
@@ -59,18 +87,27 @@ constexpr KeysByLetter kByLetter = [] {
     return keys;
 }();
 
-// The key that ends at `equals`, all of it behind `begin`; -1 when there is none.
-int KeyEndingAt(const char* equals, const char* begin) {
-    const auto room = static_cast<std::size_t>(equals - begin);
-    if (room < kTellingPlace) return -1;
-    const auto letter = static_cast<unsigned char>(*(equals - kTellingPlace));
-    for (int key = kByLetter.first[letter]; key >= 0; key = kByLetter.next[key]) {
-        const std::size_t before = kKeys[key].size() - 1;
-        const char* text = kKeys[key].data();
-        if (before > room || *(equals - before) != *text) continue;
-        if (std::memcmp(equals - before, text, before) == 0) return key;
+// The key whose last letters stand at `word`, and the letter before them, if any, at `before`; -1 when there
+// is none.
+inline int KeyOf(const char* word, const char* before) {
+    Word letters;
+    std::memcpy(&letters, word, sizeof letters);
+    for (int key = kByLetter.first[static_cast<unsigned char>(word[kWordBytes - kTellingPlace])]; key >= 0;
+         key = kByLetter.next[key]) {
+        const Ending& ending = kEndings[key];
+        if ((letters & ending.mask) != ending.letters) continue;
+        if (ending.first == '\0' || (before && *before == ending.first)) return key;
     }
     return -1;
+}
+
+// The key that ends at `equals`, all of it behind `begin`; -1 when there is none.
+inline int KeyEndingAt(const char* equals, const char* begin) {
+    const auto room = static_cast<std::size_t>(equals - begin);
+    if (room > kWordBytes) return KeyOf(equals - kWordBytes, equals - kWordBytes - 1);
+    char word[kWordBytes] = {};  // zeros are in no key
+    std::memcpy(word + kWordBytes - room, begin, room);
+    return KeyOf(word, nullptr);
 }
 
 const char* FindEquals(const char* from, const char* end) {
@@ -95,7 +132,7 @@ void UNetLinkData::ParseData(char* buf, int len) {
         const int key = KeyEndingAt(equals, buf);
         if (key < 0) continue;
         const char* value = equals + 1;
-        if (value - kKeys[key].size() < end) m_values[key] = value;
+        if (equals < end || value - kKeys[key].size() < end) m_values[key] = value;
     }
 }
 
