@@ -11,6 +11,7 @@ import json
 import os
 import pathlib
 import platform
+import re
 import statistics
 import subprocess
 import sys
@@ -97,12 +98,27 @@ def inside_values(found):
         name = "inside/" + one["run_name"].partition("/iterations:")[0].partition("/repeats:")[0] \
             .removesuffix("/manual_time").removesuffix("/real_time")
         values[name] = one["real_time"] * NANOSECONDS[one["time_unit"]]
+        values[f"{name}:cpu"] = one["cpu_time"] * NANOSECONDS[one["time_unit"]]
         values |= {f"{name}:{key}": number for key, number in one.items() if key not in known}
     return values
 
 
+PERF_STEPS = 1000       # of each program
+COLLECTED = re.compile(r"Collected : (\d+)")
+
+
 def measure_perf(tree, arguments):
-    return {}, {}
+    """Instructions of one step, counted by callgrind."""
+    values = {}
+    for name, (program, *words) in arguments.perf.items():
+        command = ["valgrind", "--tool=callgrind", "--toggle-collect=Measured", "--callgrind-out-file=/dev/null",
+                   str(tree / "bench" / "perf" / program), *words]
+        ran = subprocess.run(command, capture_output=True, text=True)
+        found = COLLECTED.search(ran.stderr)
+        if ran.returncode != 0 or not found:
+            raise NotMeasured(f"{' '.join(command)} ended with {ran.returncode}: {ran.stderr[-300:].strip()}")
+        values[f"perf/{name}"] = int(found[1]) / PERF_STEPS
+    return values, values
 
 
 # --- the table ---
@@ -174,7 +190,9 @@ def main():
     if "load" in arguments.parts and os.geteuid() != 0:
         sys.exit("make bench needs root: the service runs in namespaces of its own. Nothing was measured.")
     with open(HERE / "targets.toml", "rb") as file:
-        rows = [row for row in tomllib.load(file)["row"] if row["measured"].partition("/")[0] in arguments.parts]
+        targets = tomllib.load(file)
+    rows = [row for row in targets["row"] if row["measured"].partition("/")[0] in arguments.parts]
+    arguments.perf = targets["perf"]
     tree = arguments.tree.resolve()
     values, found = {}, {}
     try:
