@@ -3,12 +3,15 @@
 .DEFAULT_GOAL := help
 
 LABEL ?=
+PEERS ?=
 
 help:
 	@echo "make demo              boot the virtual head unit, plug two sticks, show what the service tells whom"
 	@echo "make test              build everything and run all tests"
-	@echo "make test LABEL=unit   only the unit tests (no root); also: service, vm, asan, tsan, fuzz"
+	@echo "make test LABEL=unit   only the unit tests (no root); also: service, vm, asan, tsan, perf, fuzz"
 	@echo "make build             build the service for this machine: build/native/usbservice/usbservice"
+	@echo "make bench             measure the service beside the least it could cost (root)"
+	@echo "make bench PEERS=\"udevd busybox\"   and Debian's programs that read the same events"
 	@echo "make install           put the service in place on this machine (DESTDIR is honoured)"
 	@echo "make clean             remove what was built; the cache of packages and kernel stays"
 
@@ -21,6 +24,11 @@ test:
 
 demo:
 	@tools/demo.sh
+
+bench:
+	@tools/install-packages.sh build bench
+	@tools/build.sh bench bench_programs
+	@bench/run.py $(if $(PEERS),--peers $(PEERS))
 
 install: build
 	@cmake --install build/native

@@ -11,8 +11,8 @@ namespace bench {
 inline const std::string kHub =
     "/devices/soc/7600000.hsusb/7600000.dwc3/xhci-hcd.0.auto/usb1/1-1";  // the vehicle's own
 
-// The first `count` paths of a tree in the order in which the kernel tells them: devices with their interfaces, behind
-// hubs of which the service knows no more than the first.
+// The first `count` paths of a tree in the order in which the kernel tells them: devices with their
+// interfaces, behind hubs of which the service knows no more than the first.
 inline std::vector<std::string> Tree(std::size_t count) {
     constexpr int kInterfaces = 4;
     constexpr int kWidth = 100;
@@ -54,8 +54,9 @@ inline std::string TypicalUevent() {
 
 // One that makes no node, of about 279 bytes, as most of the machine's.
 inline std::string ForeignUevent(std::string_view action) {
-    return Uevent(action, "/devices/soc/soc:qcom,bcl/power_supply/battery/power_supply/bms",
-                  "SUBSYSTEM=power_supply|POWER_SUPPLY_NAME=bms|POWER_SUPPLY_CAPACITY=50|POWER_SUPPLY_TEMP=301");
+    return Uevent(
+        action, "/devices/soc/soc:qcom,bcl/power_supply/battery/power_supply/bms",
+        "SUBSYSTEM=power_supply|POWER_SUPPLY_NAME=bms|POWER_SUPPLY_CAPACITY=50|POWER_SUPPLY_TEMP=301");
 }
 
 }  // namespace bench

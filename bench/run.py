@@ -174,8 +174,8 @@ def table(head, rows):
 def peer_table(values, found):
     rows = []
     for name in ["floor", "usbservice", *found["peers"]]:
-        rows.append([name, number(values[f"load/batch/{name}"]), number(values[f"load/lost/{name}"]),
-                     number(values.get(f"load/idle/pss/{name}", values["load/idle/pss"] if name == "usbservice" else None))])
+        pss = values["load/idle/pss"] if name == "usbservice" else values.get(f"load/idle/pss/{name}")
+        rows.append([name, number(values[f"load/batch/{name}"]), number(values[f"load/lost/{name}"]), number(pss)])
     return table(["reader", "CPU µs an event", "lost at full speed", "PSS idle MB"], rows)
 
 

@@ -52,7 +52,8 @@ class Judgement(unittest.TestCase):
                     "cpu_time": 0, "time_unit": "us", "iterations": 3} | more
         found = {"benchmarks": [one(9, run_type="aggregate", aggregate_name="mean"),
                                 one(2, run_type="aggregate", aggregate_name="median", allocations=4)]}
-        self.assertEqual(run.inside_values(found), {"inside/x/y": 2000, "inside/x/y:cpu": 0, "inside/x/y:allocations": 4})
+        self.assertEqual(run.inside_values(found),
+                         {"inside/x/y": 2000, "inside/x/y:cpu": 0, "inside/x/y:allocations": 4})
 
 
 class Events(unittest.TestCase):

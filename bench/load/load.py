@@ -198,7 +198,8 @@ class Load:
 
     @staticmethod
     def is_stopped(reader):
-        return all("(stopped)" in path.read_text() for path in pathlib.Path(f"/proc/{reader.pid}/task").glob("*/status"))
+        tasks = pathlib.Path(f"/proc/{reader.pid}/task")
+        return all("(stopped)" in path.read_text() for path in tasks.glob("*/status"))
 
     def full_speed(self, reader):
         """CPU ns per event, events lost, ns between two events told."""
@@ -221,8 +222,8 @@ def memory(pid):
     """Kilobytes by name."""
     with open(f"/proc/{pid}/smaps_rollup") as file:
         rows = {line.split()[0].rstrip(":"): int(line.split()[1]) for line in list(file)[1:]}
-    return {"pss": rows["Pss"], "private": rows["Private_Clean"] + rows["Private_Dirty"], "anonymous": rows["Anonymous"],
-            "rss": rows["Rss"]}
+    return {"pss": rows["Pss"], "private": rows["Private_Clean"] + rows["Private_Dirty"],
+            "anonymous": rows["Anonymous"], "rss": rows["Rss"]}
 
 
 def switches(pid):

@@ -1,5 +1,5 @@
-// Callgrind counts instructions inside Measured() only (--toggle-collect=Measured); what a program does before is
-// its warm-up.
+// Callgrind counts instructions inside Measured() only (--toggle-collect=Measured); what a program does
+// before is its warm-up.
 #pragma once
 
 namespace bench {

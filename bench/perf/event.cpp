@@ -60,7 +60,8 @@ int main(int count, char** arguments) {
         UListNode::GetInstance()->InsertNode(SUBSYSTEM_USB, path.c_str(), nullptr);
     message = bench::ForeignUevent(arguments[1]);
     char somebody = 0;
-    UNetLink events(reinterpret_cast<UNotifier*>(&somebody));  // handed to nodes only, of which there come none
+    UNetLink events(
+        reinterpret_cast<UNotifier*>(&somebody));  // handed to nodes only, of which there come none
     if (events.InitNetlink() != 0) return EXIT_FAILURE;
     reader = &events;
     bench::WarmUpAndMeasure(Drive, 1000);
