@@ -1,7 +1,7 @@
 #!/bin/bash
 # make test [LABEL=...]: installs what is missing, builds what the tests of that label need, runs them through ctest.
 # Labels: unit (no root), service (root: namespaces, loop devices), vm (the virtual head unit), asan and tsan (unit and
-# some service tests under sanitizers), fuzz. Without a label: all.
+# some service tests under sanitizers), perf (instructions counted), fuzz. Without a label: all.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -16,6 +16,7 @@ unit)    targets=(unit_tests) ;;
 service) targets=(usbservice service_tests) ;;
 vm)      groups+=(guest); targets=(usbservice) ;;
 asan | tsan) targets=(sanitized_tests) ;;
+perf)    targets=(perf_tests) ;;
 fuzz)    targets=(mtp_table) ;;
 *)       echo "make test: there is no label '$label'; see 'make help'" >&2; exit 2 ;;
 esac
