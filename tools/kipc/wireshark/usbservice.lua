@@ -616,7 +616,7 @@ local function quoted(text)
     local function escape(bytes)
         return (bytes:gsub(".", function(byte) return string.format("\\x%02x", byte:byte()) end))
     end
-    return '"' .. text:gsub("%c", escape):gsub("\194[\128-\159]", escape) .. '"'
+    return '"' .. text:gsub('["\\]', "\\%0"):gsub("%c", escape):gsub("\194[\128-\159]", escape) .. '"'
 end
 
 local function number_of(field, piece)
@@ -714,12 +714,30 @@ local function record_of(bytes, head_bytes)
     return ByteArray.new():tvb("no record")
 end
 
-function service.dissector(bytes, pinfo, root)
-    if bytes:len() < HEAD_BYTES or bytes:range(0, 4):le_uint() ~= MAGIC then return 0 end
+-- Why it is no datagram of a tap that we know; nil: it is one.
+local function refusal(bytes)
+    if bytes:len() < HEAD_BYTES then return bytes:len() .. " bytes are less than a head" end
+    if bytes:range(0, 4):le_uint() ~= MAGIC then return "it is not the tap's: another magic number" end
     local version, head_bytes = bytes:range(4, 2):le_uint(), bytes:range(6, 2):le_uint()
-    if version ~= VERSION or head_bytes < HEAD_BYTES or head_bytes > bytes:len() then return 0 end
+    if version ~= VERSION then
+        return "the tap speaks version " .. version .. ", this dissector version " .. VERSION
+    end
+    if head_bytes < HEAD_BYTES or head_bytes > bytes:len() then
+        return "a head of " .. head_bytes .. " bytes in a datagram of " .. bytes:len() .. " bytes"
+    end
+    return nil
+end
 
+function service.dissector(bytes, pinfo, root)
     local tree = root:add(service, bytes())
+    local reason = refusal(bytes)
+    if reason then
+        complain(tree, reason)
+        pinfo.cols.protocol = "USB service"
+        pinfo.cols.info = reason
+        return Dissector.get("data"):call(bytes, pinfo, root)
+    end
+    local head_bytes = bytes:range(6, 2):le_uint()
     local road = add_head(tree, bytes, head_bytes)
     local record_bytes = record_of(bytes, head_bytes)
     local record = identify(road.sender, road.receiver, record_bytes)
