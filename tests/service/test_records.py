@@ -3,6 +3,7 @@
 import contextlib
 import io
 import pathlib
+import re
 import sys
 import unittest
 import unittest.mock
@@ -13,6 +14,8 @@ sys.path.insert(0, str(ROOT / "tools" / "records"))
 import generate  # noqa: E402
 import headers  # noqa: E402
 import usbrecords  # noqa: E402
+
+PLATFORM = ROOT / "platform" / "src"
 
 # Bytes of each record: peers were built with these.
 SIZES = {
@@ -104,6 +107,18 @@ class DescriptionOfTheRecords(unittest.TestCase):
         storage = sum(usbrecords.PROCESSES[name] for name in usbrecords.STORAGE_LISTENERS)
         self.assertEqual(storage, 0x00002A4802A04000)
         self.assertEqual(sum(usbrecords.PROCESSES[name] for name in usbrecords.USB_LISTENERS), 0x0000004000800000)
+
+    def test_the_platform_calls_processes_by_the_same_names_and_bits(self):
+        pairs = re.findall(r'\{"(\w+)", (0x\w+|0)\}', (PLATFORM / "dcm.cpp").read_text())
+        senders = {description["from"] for description in usbrecords.RECORDS.values()} - {"usb"}
+        self.assertEqual({name: int(mask, 0) for name, mask in pairs},
+                         {name: usbrecords.PROCESSES[name] for name in senders})
+        pairs = re.findall(r'\{(0x\w+), "(\w+)"\}', (PLATFORM / "Outbox.cpp").read_text())
+        receivers = {receiver for description in usbrecords.RECORDS.values() for receiver in description["to"]}
+        named = {name: process["mask"] for name, process in usbrecords.DESCRIPTION["processes"].items()
+                 if "cpp" in process and name in receivers}
+        named["usb"] = named.pop("sdcm")    # SDCM speaks in the service's name, and is written to without a bit
+        self.assertEqual({name: int(mask, 0) for mask, name in pairs}, named)
 
     def test_what_is_built_is_decoded_as_the_same_record(self):
         for name, description in usbrecords.RECORDS.items():
