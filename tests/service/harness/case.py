@@ -20,8 +20,9 @@ def programs():
     if not binary:
         sys.exit("USBSERVICE is not set: the path of the service to be tested.")
     out = {"usbservice": os.path.abspath(binary)}
-    if os.environ.get("STORE_TOOL"):
-        out["store_tool"] = os.path.abspath(os.environ["STORE_TOOL"])
+    for variable in ("STORE_TOOL", "KIPCSEND", "KIPCMON"):
+        if os.environ.get(variable):
+            out[variable.lower()] = os.path.abspath(os.environ[variable])
     return out
 
 

@@ -35,16 +35,22 @@ Inbox::E_STATE Inbox::Deny(const std::string& problem) {
     return DENIED;
 }
 
-Inbox::E_STATE Inbox::Open() {
+int Inbox::MakeFolder() {
     m_made_folder = mkdir(m_folder.c_str(), kFolderMode) == 0;
-    if (!m_made_folder && errno != EEXIST)
-        return Deny("no inbox " + m_folder + ": " + strerrordesc_np(errno) +
+    return m_made_folder || errno == EEXIST ? 0 : errno;
+}
+
+Inbox::E_STATE Inbox::Open() {
+    if (const int error = MakeFolder())
+        return Deny("no inbox " + m_folder + ": " + strerrordesc_np(error) +
                     " (the folder above it: " + OwnershipOf(m_folder.substr(0, m_folder.rfind('/'))) + ")");
     // Two of us at once: the second one waits here, and then finds the first one's socket.
     const Descriptor lock(open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!lock || flock(lock.Get(), LOCK_EX) != 0)
-        return Deny("the inbox " + m_folder + " cannot be used: " + strerrordesc_np(errno) + " (" +
+    if (!lock || flock(lock.Get(), LOCK_EX) != 0) {
+        const int error = errno;
+        return Deny("the inbox " + m_folder + " cannot be used: " + strerrordesc_np(error) + " (" +
                     OwnershipOf(m_folder) + ")");
+    }
     Descriptor probe;
     const int error = ConnectTo(m_path, &probe);
     switch (error) {
@@ -66,9 +72,11 @@ Inbox::E_STATE Inbox::TakeOver() {
     struct stat status;
     if (lstat(m_path.c_str(), &status) == 0) {
         if (!S_ISSOCK(status.st_mode)) return Deny(m_path + " is no socket");
-        if (unlink(m_path.c_str()) != 0)
+        if (unlink(m_path.c_str()) != 0) {
+            const int error = errno;
             return Deny("the socket " + m_path + " of a peer that is gone cannot be replaced: " +
-                        strerrordesc_np(errno) + " (" + OwnershipOf(m_folder) + ")");
+                        strerrordesc_np(error) + " (" + OwnershipOf(m_folder) + ")");
+        }
     }
     if (const int error = ListenAt(m_path, &m_listener))
         return Deny("nothing can be received at " + m_path + ": " + strerrordesc_np(error) + " (" +

@@ -35,6 +35,7 @@ public:
 
 private:
     E_STATE Deny(const std::string& problem);
+    int MakeFolder();  // the error's number
     E_STATE TakeOver();
     void Accept();
 
