@@ -20,7 +20,7 @@ def programs():
     if not binary:
         sys.exit("USBSERVICE is not set: the path of the service to be tested.")
     out = {"usbservice": os.path.abspath(binary)}
-    for variable in ("STORE_TOOL", "KIPCSEND", "KIPCMON"):
+    for variable in ("STORE_TOOL", "KIPCSEND", "KIPCMON", "USBSERVICE_PORTS"):
         if os.environ.get(variable):
             out[variable.lower()] = os.path.abspath(os.environ[variable])
     return out

@@ -45,7 +45,6 @@ std::string JsonOf(const Entry& entry) {
             if (!records::Holds(field, datagram.record)) continue;
             const std::string name(field.name);
             fields[name] = Value(field, datagram.record);
-            if (field.words.empty()) continue;
             const std::string_view word = records::WordOf(field, datagram.record);
             if (!word.empty()) words[name] = word;
         }
