@@ -59,11 +59,13 @@ class HeadUnit:
     image: folder with vmlinuz and initramfs.cpio (tools/headunit/make-image.py)
     board_id: text of the board's identity; None: the board has none
     module: further parameters of the board's module, e.g. {"disk_partno": 1}
+    instruction_clock: the guest's clock counts its instructions, one a nanosecond, whatever the host does meanwhile
     listener: is given each line of the agent as (verb, rest), and ("over", "") when the guest is gone, by a thread of
         the unit's own; it must not ask the unit for anything
     """
 
-    def __init__(self, image=None, board_id="X53", cpus=1, module=None, boot_timeout=60, listener=None):
+    def __init__(self, image=None, board_id="X53", cpus=1, module=None, boot_timeout=60, listener=None,
+                 instruction_clock=False):
         self.image = pathlib.Path(image or os.environ.get("HEADUNIT_IMAGE") or ROOT / "build/headunit")
         self.boot_timeout = boot_timeout
         self.boot_seconds = None   # from QEMU's start to the agent's word
@@ -71,6 +73,7 @@ class HeadUnit:
         self.vehicle_hub = Hub(ports=2, serial="VEHICLE")   # is plugged while booting; ids 0424:4504
         self.qmp = None
         self._cpus = cpus
+        self._clock_options = ["-icount", "shift=0"] if instruction_clock else []
         self._listener = listener or (lambda verb, rest: None)
         self._module = {"board_id": "" if board_id is None else board_id, **(module or {})}
         self._folder = None
@@ -166,7 +169,7 @@ class HeadUnit:
         hub = self.vehicle_hub
         return ["qemu-system-aarch64", "-nodefaults", "-no-reboot", "-no-user-config", "-display", "none",
                 "-machine", "virt,gic-version=2", "-cpu", "cortex-a57", "-smp", str(self._cpus), "-m", "768",
-                "-accel", "tcg",
+                "-accel", "tcg", *self._clock_options,
                 "-kernel", str(self.image / "vmlinuz"), "-initrd", str(self.image / "initramfs.cpio"),
                 # alarmtimer would take the platform number 0, which belongs to the USB controller.
                 "-append", f"console=ttyAMA0 quiet panic=-1 initcall_blacklist=alarmtimer_init {board}",
