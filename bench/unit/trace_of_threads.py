@@ -29,7 +29,7 @@ SWITCH = re.compile(r"prev_pid=(\d+) .* next_pid=(\d+) ")
 
 class Slice(NamedTuple):
     thread: int
-    what: str       # "own code", or one of the words above
+    what: str       # "user mode" (libraries included), or one of the words above
     begin: float    # seconds of the guest's clock
     end: float
 
@@ -84,7 +84,7 @@ def read(text):
         elif one.waiting is not None:
             one.waiting.append(part)
         else:
-            slices.append(Slice(number, "own code", one.since, now))
+            slices.append(Slice(number, "user mode", one.since, now))
         one.since = now
 
     for line in text.splitlines():
