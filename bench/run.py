@@ -21,7 +21,7 @@ HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parent
 PARTS = ("load", "inside", "perf")
 QUICK = {"load": ["--rounds", "1", "--batches", "1", "--events", "200", "--full", "500", "--warm", "50",
-                  "--starts", "1", "--idle", "1"],
+                  "--starts", "1", "--idle", "1", "--roads", "1"],
          "inside": ["--benchmark_min_time=0.01"]}
 
 
@@ -68,6 +68,10 @@ def load_values(found):
     values["load/wakeups/monitor"] = awake.pop("frame-monitor") / seconds
     values["load/wakeups/main"] = awake.pop("main") * 10 / seconds
     values["load/wakeups/others"] = sum(awake.values())
+    for name, road in found["roads"].items():
+        reads = road["reads"] * road["read_ns"]
+        values[f"load/road/{name}/own"] = (road["cpu_ns"] - reads) / 1000
+        values[f"load/road/{name}/reads"] = reads / 1000
     for name, peer in found["peers"].items():
         values[f"load/batch/{name}"] = peer["batch_ns"] / 1000
         values[f"load/lost/{name}"] = peer["lost"]

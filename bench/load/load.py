@@ -22,11 +22,11 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT / "tests" / "service"), str(ROOT / "tools" / "records")]
 
 import events  # noqa: E402
-from harness import board, peers, world  # noqa: E402
+from harness import board, peers, uevents, volumes, world  # noqa: E402
 
 PROGRAMS = {"usbservice": "usbservice/usbservice", "floor": "bench/load/bench_floor",
             "inject": "bench/load/bench_inject", "enumerate": "bench/load/bench_enumerate",
-            "stamp": "bench/load/bench_stamp"}
+            "read": "bench/load/bench_read", "stamp": "bench/load/bench_stamp"}
 KOBJECT_UEVENT = 15
 KERNEL_EVENTS = 1           # multicast group
 ENVIRONMENT = {"PATH": "/usr/bin:/usr/sbin:/bin:/sbin", "SYSTEMD_DEVICE_VERIFY_SYSFS": "0"}
@@ -282,6 +282,102 @@ def enumerate_alone():
     return int(took) / 1000, int(devices)
 
 
+# --- the roads of a stick and of phones ---
+
+def threads(pid):
+    """Number of each thread that lives as long as the process, by its name."""
+    names = {}
+    for path in pathlib.Path(f"/proc/{pid}/task").iterdir():
+        names[(path / "comm").read_text().strip() if path.name != str(pid) else "main"] = path.name
+    return names
+
+
+def thread_cpu_ns(pid, thread):
+    return int(pathlib.Path(f"/proc/{pid}/task/{thread}/schedstat").read_text().split()[0])
+
+
+def thread_reads(pid, thread):
+    """Calls of read, without those of children."""
+    rows = pathlib.Path(f"/proc/{pid}/task/{thread}/io").read_text().splitlines()
+    return int(next(row for row in rows if row.startswith("syscr")).split()[1])
+
+
+def children_ns(pid):
+    """Of those that ended, in ticks of a hundredth of a second."""
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()
+    return (int(fields[13]) + int(fields[14])) * 1000000000 // os.sysconf("SC_CLK_TCK")
+
+
+class Road:
+    """What comes and goes on a port, and what that costs the service: all its threads but the monitor's, which runs
+    anyway, and without the programs that it starts."""
+
+    def __init__(self, unit, service):
+        self.unit = unit
+        self.pid = service.pid
+        self.service = service
+        self.threads = threads(service.pid)
+
+    def state(self):
+        own = cpu_ns(self.pid) - thread_cpu_ns(self.pid, self.threads["frame-monitor"])
+        return {"cpu_ns": own, "event_ns": thread_cpu_ns(self.pid, self.threads["frame-event"]),
+                "command_ns": thread_cpu_ns(self.pid, self.threads["frame-usb"]),
+                "reads": sum(thread_reads(self.pid, self.threads[name]) for name in ("frame-event", "frame-usb")),
+                "children_ns": children_ns(self.pid)}
+
+    def settle(self):
+        """Returns when nothing is left to do: neither for the service nor for what it started."""
+        self.service.drain()
+        deadline, quiet, before = time.monotonic() + 60, 0, None
+        while quiet < 10:
+            if time.monotonic() > deadline:
+                raise NotMeasured("the service does not come to rest")
+            time.sleep(0.005)
+            now = cpu_ns(self.pid) - thread_cpu_ns(self.pid, self.threads["frame-monitor"])
+            quiet = quiet + 1 if now == before and not children(self.pid) else 0
+            before = now
+
+    def travel(self, nodes, times):
+        self.unit.plug(nodes)       # once to warm up
+        self.settle()
+        self.unit.unplug(nodes)
+        self.settle()
+        before = self.state()
+        for _ in range(times):
+            self.unit.plug(nodes)
+            self.settle()
+            self.unit.unplug(nodes)
+            self.settle()
+        after = self.state()
+        return {key: (after[key] - before[key]) / times for key in before} | {"events": 2 * len(nodes)}
+
+
+def roads(unit, counts):
+    """By name: each with its own run of the service, per coming and going. Port 1 is free meanwhile."""
+    keyboard = board.keyboard("1-1.1")
+    for node in reversed(keyboard):
+        unit.hide(node)
+    read_ns = float(subprocess.run([f"{world.BENCH}/bin/read", "/sys" + board.ROOT_HUB + "/product"],
+                                   capture_output=True, text=True, check=True).stdout)
+    world.set_blkid()
+    stick = volumes.filesystem()
+    stick.appear_as("sda1")
+    made = {"stick": board.stick("1-1.1"), "android": board.phone("1-1.1"), "iphone": board.iphone("1-1.1")}
+    made["android"].append(board.network("1-1.1"))
+    unit.injector = uevents.Injector()
+    out = {}
+    try:
+        for name, nodes in made.items():
+            with start("usbservice") as service:
+                out[name] = Road(unit, service).travel(nodes, counts.roads) | {"read_ns": read_ns}
+    finally:
+        unit.injector.close()
+        volumes.disappear("sda1")
+        stick.close()
+        unit.present_before_start(keyboard)
+    return out
+
+
 # --- the unit that they run on ---
 
 def furnish(unit):
@@ -350,6 +446,8 @@ def measure(counts, made):
         result["enumerations"].append(took)
         result["devices"] = devices
         result["starts"].append(start_up())
+    tell("a stick and phones come and go")
+    result["roads"] = roads(unit, counts)
     tell(f"idle for {counts.idle} s")
     result["idle"] = idle(counts)
     for name, command in commands.items():
@@ -377,6 +475,7 @@ def main():
     parser.add_argument("--full", type=int, default=100000, help="at full speed")
     parser.add_argument("--warm", type=int, default=2000, help="before a measurement")
     parser.add_argument("--starts", type=int, default=41)
+    parser.add_argument("--roads", type=int, default=20, help="how often a stick and phones come and go")
     parser.add_argument("--idle", type=int, default=20, help="seconds")
     parser.add_argument("--peers", nargs="*", default=[])
     counts = parser.parse_args()
