@@ -5,12 +5,12 @@
 #   tools/build.sh arm64  [TARGET...]   for the head unit's processor (needs tools/fetch-guest.sh)
 #   tools/build.sh fuzz   [TARGET...]   fuzz targets, by clang
 #   tools/build.sh bench  [TARGET...]   the benchmarks, and the service as for the car
-# Without targets the service and the driver of /dev/css are built. Prints the end of the build's output when it fails.
+# Without targets all that is installed is built. Prints the end of the build's output when it fails.
 set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
 tree=$1
 shift
-[ $# -gt 0 ] || set -- usbservice css
+[ $# -gt 0 ] || set -- usbservice css kipcmon kipcsend
 
 case $tree in
 native) options="-DUSB_TESTS=OFF" ;;
