@@ -380,14 +380,27 @@ TEST_F(AttributeTest, FreesWhatADecimalValueWasReadFrom) {
     EXPECT_THAT(libc.held, IsEmpty());
 }
 
+TEST_F(AttributeTest, ReadsATextOfAnyLength) {
+    for (const std::size_t length : {1, 254, 255, 256, 509, 510, 511, 3000}) {
+        std::string text(length, 'x');
+        text.back() = 'y';
+        Set("/value", text + "\nz");
+        const Text read(UString::GetInterfaceString(kDevice, "/value"));
+        EXPECT_EQ(read.text, text) << length;
+    }
+}
+
 TEST_F(AttributeTest, HasNoValueRatherThanTheEndOfOneWhenMemoryRunsOut) {
-    Set("/value", "abcdef\n");
-    libc.counted = true;
-    libc.copies_until_failure = 3;
-    const char* value = UString::GetInterfaceString(kDevice, "/value");
-    libc.counted = false;
-    EXPECT_EQ(value, nullptr);
-    EXPECT_THAT(libc.held, IsEmpty());
+    Set("/value", std::string(300, 'a') + "\n");
+    for (const int copies : {0, 1}) {
+        libc.counted = true;
+        libc.copies_until_failure = copies;
+        const char* value = UString::GetInterfaceString(kDevice, "/value");
+        libc.counted = false;
+        EXPECT_EQ(libc.copies_until_failure, -1) << "nothing failed";
+        EXPECT_EQ(value, nullptr) << copies;
+        EXPECT_THAT(libc.held, IsEmpty());
+    }
 }
 
 TEST(UStringRoot, IsSysUnlessATestRedirectsIt) {

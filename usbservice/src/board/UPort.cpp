@@ -1,6 +1,5 @@
 #include "board/UPort.h"
 
-#include <cstdio>
 #include <cstring>
 #include <mutex>
 
@@ -12,6 +11,7 @@ namespace {
 
 constexpr std::size_t kPathMost = 2048;  // a longer path has no port
 constexpr std::uint8_t kBuses = 4;
+constexpr const char* kBusFolders[kBuses] = {"/usb1/", "/usb2/", "/usb3/", "/usb4/"};
 
 enum E_BOARD_TYPE : std::uint32_t {
     BOARD_UNREAD = 0,
@@ -50,11 +50,8 @@ E_BOARD_TYPE BoardOf(const char* id) {
 
 // 1 to 4; 0 when the path lies below none of these buses.
 std::uint8_t BusOf(const char* devpath) {
-    for (std::uint8_t bus = 1; bus <= kBuses; ++bus) {
-        char folder[8];
-        std::snprintf(folder, sizeof folder, "/usb%u/", static_cast<unsigned>(bus));
-        if (std::strstr(devpath, folder)) return bus;
-    }
+    for (std::uint8_t bus = 1; bus <= kBuses; ++bus)
+        if (std::strstr(devpath, kBusFolders[bus - 1])) return bus;
     return 0;
 }
 
@@ -95,16 +92,15 @@ std::uint8_t UPort::CalcUsbPort(std::uint8_t topport, const char* devpath) {
         return 0;
     }
     const char* path = strnlen(devpath, kPathMost + 1) <= kPathMost ? devpath : "";
-    char root[8];
-    char hub[8];
-    std::snprintf(root, sizeof root, "%d-1", topport);
-    const std::size_t hub_length = static_cast<std::size_t>(std::snprintf(hub, sizeof hub, "%d-1.", topport));
+    const char digit = static_cast<char>('0' + topport);
+    const char root[] = {digit, '-', '1', '\0'};
+    const char hub[] = {digit, '-', '1', '.', '\0'};
 
     const char* slash = std::strrchr(path, '/');
     const char* name = slash ? slash + 1 : path;
-    if (const char* match = std::strstr(name, hub)) return PortInName(name, match, hub_length);
+    if (const char* match = std::strstr(name, hub)) return PortInName(name, match, sizeof hub - 1);
     if (const char* match = std::strstr(path, hub)) {
-        const std::uint8_t port = PortAt(match + hub_length);
+        const std::uint8_t port = PortAt(match + sizeof hub - 1);
         ULOG(LOG_INFO, "port:%d", port);
         return port;
     }
@@ -128,9 +124,10 @@ void UPort::UpdatePort(const char* devpath) {
         ULOG(LOG_FAILED, "devpath is null");
         return;
     }
-    const bool on_controller =
-        std::strstr(devpath, "xhci-hcd.1.auto") || std::strstr(devpath, "xhci-hcd.0.auto");
-    if (hub_ports != 2 && !on_controller) {
+    const auto on_controller = [devpath] {
+        return std::strstr(devpath, "xhci-hcd.1.auto") || std::strstr(devpath, "xhci-hcd.0.auto");
+    };
+    if (hub_ports != 2 && !on_controller()) {
         ULOG(LOG_INFO, "Not a hub : %s", devpath);
         return;
     }

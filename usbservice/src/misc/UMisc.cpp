@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -18,6 +17,7 @@ namespace dcm::usb {
 namespace {
 
 constexpr std::size_t kAttributePathBytes = 256;  // longer paths are cut
+constexpr std::size_t kPieceBytes = 256;          // of an attribute that is a text
 constexpr std::size_t kNumberBytes = 10;          // of an attribute that is one number
 constexpr std::size_t kHexTextBytes = 256;
 constexpr std::size_t kHexTextMost = 254;
@@ -38,21 +38,33 @@ char* NewText(std::size_t length) {
 
 // Opens an attribute below the root of sysfs and leaves its path for the caller's log line; -1 on failure.
 int OpenAttribute(char (&path)[kAttributePathBytes], const char* device, const char* attribute) {
-    const int length = std::snprintf(path, sizeof path, "%s%s%s", UString::kRootSysPath, device, attribute);
-    return length < 0 ? -1 : open(path, O_RDONLY | O_CLOEXEC);
+    char* end = path;
+    for (const char* part : {UString::kRootSysPath, device, attribute}) {
+        const std::size_t length = strnlen(part, static_cast<std::size_t>(path + sizeof path - 1 - end));
+        std::memcpy(end, part, length);
+        end += length;
+    }
+    *end = '\0';
+    return open(path, O_RDONLY | O_CLOEXEC);
 }
 
-// Up to the first newline, NUL or the end; null when nothing stands before it.
+// Up to the first newline, NUL or the end; null when nothing stands before it. Read byte by byte, and copied
+// in pieces.
 char* ReadLine(int file) {
     char* line = nullptr;
-    char character[2] = {};
-    while (read(file, character, 1) == 1) {
-        const bool last = character[0] == '\n' || character[0] == '\0';
-        if (last) break;
-        line = UString::AppendString(line, character);
-        if (!line) break;  // Out of memory: no value is better than the end of one.
+    char piece[kPieceBytes];
+    std::size_t length = 0;
+    char character;
+    while (read(file, &character, 1) == 1 && character != '\n' && character != '\0') {
+        piece[length++] = character;
+        if (length < sizeof piece - 1) continue;
+        piece[length] = '\0';
+        line = UString::AppendString(line, piece);
+        if (!line) return nullptr;  // Out of memory: no value is better than the end of one.
+        length = 0;
     }
-    return line;
+    piece[length] = '\0';
+    return UString::AppendString(line, piece);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "misc/ULog.h"
 #include "misc/UMisc.h"
@@ -473,15 +472,17 @@ void UNodeUsb::FillAttached(StDiagUsbDeviceStateData& data) {
 
 // A device that is plugged in while its port reports an over-current already will see no event of it.
 void UNodeUsb::CheckUdevOvercurrent() {
-    const std::string host = UPort::GetBoardHostPath();
-    if (!UString::IsSameString((host + kOvercurrentCheckPath1).c_str(), m_devpath) &&
-        !UString::IsSameString((host + kOvercurrentCheckPath2).c_str(), m_devpath))
+    const char* const host = UPort::GetBoardHostPath();
+    if (!UString::IsParentString(host, m_devpath)) return;
+    const char* const below = m_devpath + std::strlen(host);
+    if (!UString::IsSameString(below, kOvercurrentCheckPath1) &&
+        !UString::IsSameString(below, kOvercurrentCheckPath2))
         return;  // on no port of the internal hub itself
     char attribute[64];
     std::snprintf(attribute, sizeof attribute, "/usb1/1-1/1-1:1.0/1-1-port%d/%s", GetPort() % 10,
                   kStringOverCurrent);
-    const int overcurrent = UString::GetInterfaceValue(host.c_str(), attribute);
-    ULOG(LOG_INFO, "%s%s overcurrent:%d", host.c_str(), attribute, overcurrent);
+    const int overcurrent = UString::GetInterfaceValue(host, attribute);
+    ULOG(LOG_INFO, "%s%s overcurrent:%d", host, attribute, overcurrent);
     if (overcurrent != 1) return;
     if (m_notifier)
         m_notifier->PushOverCurrent(true, GetPort(), m_devpath);
