@@ -115,7 +115,7 @@ TEST(Say, EscapesWhatATerminalWouldObeyOrCannotShow) {
         return Say(FieldOf("setting_changed", "path"), Data(text.begin(), text.end()));
     };
     EXPECT_EQ("\"\\x1b[2J\"", said("\x1b[2J"));
-    EXPECT_EQ("\"\\x7f\\xc2\\x9b\xC2\xA0\"", said("\x7F\xC2\x9B\xC2\xA0"));
+    EXPECT_EQ("\"\\x7f\\xc2\\x9b\\xc2\\x9f\xC2\xA0\"", said("\x7F\xC2\x9B\xC2\x9F\xC2\xA0"));
     EXPECT_EQ("\"a\\\"b\\\\c\"", said("a\"b\\c"));
     EXPECT_EQ("\"\xE2\x82\xAC \xF0\x9F\x98\x80\"", said("\xE2\x82\xAC \xF0\x9F\x98\x80"));
     EXPECT_EQ("\"\\xc0\\x80\\xe2\\x82\"", said("\xC0\x80\xE2\x82"));
@@ -182,6 +182,9 @@ TEST(Set, RefusesWhatTheFieldCannotHoldAndChangesNothing) {
     for (const auto& [name, value] : values) {
         EXPECT_FALSE(Set(FieldOf("mode_request", name), value, bytes)) << name << " " << value;
     }
+    EXPECT_EQ(before, bytes);
+    EXPECT_FALSE(Set(FieldOf("mode_request", "result"), "18446744073709551615", bytes));
+    EXPECT_FALSE(Set(FieldOf("mode_request", "unused"), std::string_view("ab01").substr(0, 3), bytes));
     EXPECT_EQ(before, bytes);
     Data cut(242);
     EXPECT_FALSE(Set(FieldOf("mode_request", "result"), "1", cut)) << "the record ends inside the field";
