@@ -55,6 +55,7 @@ public:
     std::vector<std::string> Lines() const;
     std::vector<std::string> LinesWith(std::string_view part) const;
     bool WaitFor(std::string_view part) const;
+    int file() const { return m_file.get(); }
 
 private:
     Descriptor m_file;

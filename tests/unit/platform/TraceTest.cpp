@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +16,32 @@
 
 #include "Bench.h"
 #include "gmock/gmock.h"
+
+namespace {
+
+constexpr int kNoSignal = 0x100;  // RWF_NOSIGNAL
+constexpr int kEveryFlag = RWF_NOWAIT | kNoSignal;
+
+std::atomic<int> g_known_flags{kEveryFlag};  // what the kernel of the test knows, at most
+std::atomic<unsigned long> g_writes{0};
+std::atomic<unsigned long> g_looks{0};
+
+}  // namespace
+
+extern "C" {
+ssize_t __real_pwritev2(int fd, const iovec* pieces, int count, off_t offset, int flags);
+ssize_t __wrap_pwritev2(int fd, const iovec* pieces, int count, off_t offset, int flags) {
+    ++g_writes;
+    if ((flags & ~g_known_flags) == 0) return __real_pwritev2(fd, pieces, count, offset, flags);
+    errno = EOPNOTSUPP;
+    return -1;
+}
+int __real_fstat(int fd, struct stat* status);
+int __wrap_fstat(int fd, struct stat* status) {
+    ++g_looks;
+    return __real_fstat(fd, status);
+}
+}
 
 namespace {
 
@@ -29,6 +56,8 @@ using ::testing::MatchesRegex;
 using ::testing::SizeIs;
 
 constexpr char kFile[] = "/build/usbservice/src/board/UPort.cpp";
+
+constexpr auto kIdentityAge = std::chrono::milliseconds(2);  // by then a new name has been seen
 
 // The log function without the compiler's knowledge of formats: tests hand it what no caller may write.
 constexpr void (*kPrint)(const char*, const char*, int, int, int, int, const char*, ...) = ka_log_print;
@@ -104,8 +133,9 @@ unsigned long LostBefore(const std::string& line) {
 }
 
 TEST(TraceLine, SaysTimeLevelModuleThreadAndPlace) {
-    CapturedLog log;
     pthread_setname_np(pthread_self(), "bench");
+    std::this_thread::sleep_for(kIdentityAge);
+    CapturedLog log;
     ka_log_print(kFile, "CalcUsbPort", 42, 192, 3584, 1792, "port:%d", 12);
     EXPECT_THAT(log.Lines(), ElementsAre(MatchesRegex("\\[ *[0-9]+\\.[0-9]{6}\\] 192 3584\\.1792 " +
                                                       std::to_string(gettid()) +
@@ -140,6 +170,54 @@ TEST(TraceLine, KeepsValidUtf8AndEscapesTheRest) {
     EXPECT_EQ(Logged("%s", "\xF0\x80\x80\x8A"), "\\xf0\\x80\\x80\\x8a");
     EXPECT_EQ(Logged("%s", "\xED\xA0\x80"), "\\xed\\xa0\\x80");           // surrogate
     EXPECT_EQ(Logged("%s", "\xF4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");  // above the last character
+}
+
+TEST(TraceLine, EveryByteIsTreatedAlikeWhereverItStands) {
+    CapturedLog log;
+    std::vector<std::string> expected;
+    for (int byte = 1; byte < 256; ++byte)
+        for (std::size_t at = 0; at < 9; ++at) {
+            std::string text = "0123456789abcdefgh";
+            text[at] = static_cast<char>(byte);
+            Log("%s", text.c_str());
+            if (byte < 0x20 || byte >= 0x7F) {
+                char escaped[5];
+                std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(byte));
+                text.replace(at, 1, escaped);
+            }
+            expected.push_back(text);
+        }
+    std::vector<std::string> said;
+    for (const std::string& line : log.Lines())
+        said.push_back(TextOf(line));
+    EXPECT_EQ(said, expected);
+}
+
+TEST(TraceLine, NumbersOfEveryKindStandInTheHead) {
+    CapturedLog log;
+    ka_log_print(kFile, "f", INT_MIN, INT_MAX, INT_MIN, -1, "x");
+    EXPECT_THAT(log.Lines(), ElementsAre(AllOf(HasSubstr("] 2147483647 -2147483648.-1 "),
+                                               EndsWith(" UPort.cpp:-2147483648 f: x"))));
+}
+
+TEST(TraceLine, TextIsCutOnlyWhenItDoesNotFit) {
+    std::size_t longest = 0;
+    std::size_t first_cut = 0;
+    for (std::size_t count = 3900; count < 4200; ++count) {
+        const std::string text(count, 'x');
+        const std::string said = Logged("%s", text.c_str());
+        if (said == text) {
+            ASSERT_EQ(first_cut, 0u);
+            longest = count;
+            continue;
+        }
+        if (first_cut == 0) first_cut = count;
+        ASSERT_EQ(said, std::string(longest, 'x') + "[...]");
+    }
+    EXPECT_EQ(first_cut, longest + 1);
+    CapturedLog log;
+    Log("%s", std::string(longest, 'x').c_str());
+    EXPECT_EQ(log.Lines().at(0).size() + sizeof "[...]", static_cast<std::size_t>(PIPE_BUF) - 1);
 }
 
 TEST(TraceLine, LongTextIsCutAtPipeBufWithAMark) {
@@ -304,7 +382,19 @@ TEST(TraceThreads, LinesOfManyThreadsNeverMixEvenWhenTheyAreTooLong) {
     EXPECT_EQ(said, static_cast<unsigned long>(kThreads * kLines));
 }
 
-TEST(TraceReader, DeadReaderKillsNobodyAndTheLossIsReported) {
+// On kernels of several ages: a write may be told not to wait since Linux 6.4, and not to signal since 6.18.
+struct TraceReader : ::testing::TestWithParam<int> {
+    TraceReader() { g_known_flags = GetParam(); }
+    ~TraceReader() override { g_known_flags = kEveryFlag; }
+};
+INSTANTIATE_TEST_SUITE_P(Kernels, TraceReader, ::testing::Values(0, int{RWF_NOWAIT}, kEveryFlag),
+                         [](const auto& flags) {
+                             return flags.param == 0            ? "Old"
+                                    : flags.param == RWF_NOWAIT ? "Linux6_4"
+                                                                : "Linux6_18";
+                         });
+
+TEST_P(TraceReader, DeadReaderKillsNobodyAndTheLossIsReported) {
     PipedLog pipe;
     pipe.LoseReader();
     for (int i = 0; i < 100; ++i)
@@ -323,7 +413,141 @@ TEST(TraceReader, DeadReaderKillsNobodyAndTheLossIsReported) {
     EXPECT_EQ(LostBefore(log.Lines()[1]), 0u);
 }
 
-TEST(TraceReader, DeadReaderOfASocketKillsNobody) {
+TEST_P(TraceReader, SignalThatWaitedBeforeTheLineStillWaits) {
+    sigset_t pipe_signal;
+    sigemptyset(&pipe_signal);
+    sigaddset(&pipe_signal, SIGPIPE);
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &pipe_signal, &before);
+    raise(SIGPIPE);
+    {
+        PipedLog pipe;
+        pipe.LoseReader();
+        Log("nobody reads");
+        Log("nor this");
+    }
+    const timespec at_once{};
+    EXPECT_EQ(sigtimedwait(&pipe_signal, nullptr, &at_once), SIGPIPE);
+    EXPECT_EQ(sigtimedwait(&pipe_signal, nullptr, &at_once), -1);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    CapturedLog log;
+    Log("clears the count of lost lines");
+}
+
+TEST_P(TraceReader, StoppedReaderOfAPipeWithANameStopsNobody) {
+    const std::string path = "/tmp/trace-test-" + std::to_string(getpid());
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    Descriptor reader(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    Descriptor writer(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    unlink(path.c_str());
+    Descriptor before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    dup2(writer.get(), STDERR_FILENO);
+    for (int i = 0; i < 100; ++i)
+        Log("%s", std::string(3000, 'x').c_str());
+    reader.Close();
+    Log("nobody reads");
+    dup2(before.get(), STDERR_FILENO);
+    CapturedLog log;
+    Log("next");
+    EXPECT_GT(LostBefore(log.Lines()[0]), 50u);
+}
+
+TEST_P(TraceReader, EachLineGoesToWhatStandardErrorIsByThen) {
+    Descriptor screen(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_EQ(grantpt(screen.get()), 0);
+    ASSERT_EQ(unlockpt(screen.get()), 0);
+    Descriptor terminal(open(ptsname(screen.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    Descriptor peer(ends[0]);
+    Descriptor socket(ends[1]);
+    Descriptor null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const auto said = [](int reader) {
+        char line[PIPE_BUF];
+        pollfd descriptor{reader, POLLIN, 0};
+        const ssize_t count = poll(&descriptor, 1, 0) > 0 ? read(reader, line, sizeof line) : 0;
+        return count > 0 ? TextOf(SplitLines({line, static_cast<std::size_t>(count)})[0]) : "nothing";
+    };
+    CapturedLog file;
+    PipedLog pipe(4096);
+    enum E_WHAT { PIPE, FILE, SOCKET, TERMINAL, NOWHERE, CLOSED, WHATS };
+    Descriptor pipe_end(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    const auto become = [&](E_WHAT what) {
+        const int ends_of[] = {pipe_end.get(), file.file(), socket.get(), terminal.get(), null.get()};
+        if (what == CLOSED)
+            close(STDERR_FILENO);
+        else
+            dup2(ends_of[what], STDERR_FILENO);
+    };
+    // From each to each.
+    for (int from = PIPE; from < WHATS; ++from)
+        for (int to = PIPE; to < CLOSED; ++to) {
+            become(static_cast<E_WHAT>(from));
+            Log("one");
+            pipe.ReadWhatIsThere();
+            said(peer.get());
+            said(screen.get());
+            const std::size_t lines = file.Lines().size();
+            become(static_cast<E_WHAT>(to));
+            Log("two");
+            EXPECT_EQ(said(pipe.reader()), to == PIPE ? "two" : "nothing") << from << to;
+            EXPECT_EQ(said(peer.get()), to == SOCKET ? "two" : "nothing") << from << to;
+            EXPECT_EQ(said(screen.get()), to == TERMINAL ? "two\r" : "nothing") << from << to;
+            EXPECT_EQ(file.Lines().size(), lines + (to == FILE)) << from << to;
+        }
+    // And a pipe whose reader stopped stops nobody, whatever was there before it.
+    for (int from = FILE; from < WHATS; ++from) {
+        become(static_cast<E_WHAT>(from));
+        Log("one");
+        become(PIPE);
+        for (int i = 0; i < 3; ++i)
+            Log("%s", std::string(3000, 'x').c_str());
+        EXPECT_EQ(SplitLines(pipe.ReadWhatIsThere()).size(), 1u) << from;
+    }
+    become(FILE);
+    Log("clears the count of lost lines");
+}
+
+TEST_P(TraceReader, ReaderOfAPipeThatIsStandardErrorNoMoreSeesTheEnd) {
+    PipedLog pipe;
+    Log("line");
+    pipe.Finish();
+    EXPECT_THAT(SplitLines(pipe.ReadToTheEnd()), SizeIs(1));
+}
+
+TEST(TraceCall, WritesALineByOneSystemCall) {
+    PipedLog pipe;
+    const iovec line{const_cast<char*>("x"), 1};
+    if (__real_pwritev2(STDERR_FILENO, &line, 1, -1, kEveryFlag) < 0) GTEST_SKIP() << "an older kernel";
+    Log("the first one looks");
+    const unsigned long writes = g_writes;
+    const unsigned long looks = g_looks;
+    for (int i = 0; i < 10; ++i)
+        Log("line");
+    EXPECT_EQ(g_writes - writes, 10u);
+    EXPECT_EQ(g_looks - looks, 0u);
+}
+
+TEST(TraceThreads, RenamedThreadIsShownByItsNewName) {
+    CapturedLog log;
+    std::thread([] {
+        pthread_setname_np(pthread_self(), "first");
+        Log("one");
+        pthread_setname_np(pthread_self(), "second");
+        std::this_thread::sleep_for(kIdentityAge);
+        Log("two");
+        pthread_setname_np(pthread_self(), "\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f");
+        std::this_thread::sleep_for(kIdentityAge);
+        Log("three");
+        Log("four");
+    }).join();
+    const std::string worst =
+        "/\\x01\\x02\\x03\\x04\\x05\\x06\\x07\\x08\\x09\\x0a\\x0b\\x0c\\x0d\\x0e\\x0f UPort.cpp";
+    EXPECT_THAT(log.Lines(),
+                ElementsAre(HasSubstr("/first "), HasSubstr("/second "), HasSubstr(worst), HasSubstr(worst)));
+}
+
+TEST_P(TraceReader, DeadReaderOfASocketKillsNobody) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     Descriptor before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
@@ -340,7 +564,7 @@ TEST(TraceReader, DeadReaderOfASocketKillsNobody) {
     EXPECT_EQ(LostBefore(log.Lines()[0]), 1u);
 }
 
-TEST(TraceReader, StoppedReaderDelaysOneLineAndLosesTheOthersAtOnce) {
+TEST_P(TraceReader, StoppedReaderDelaysOneLineAndLosesTheOthersAtOnce) {
     PipedLog pipe(4096);
     constexpr unsigned long kLines = 3000;
     const auto begin = std::chrono::steady_clock::now();
@@ -359,7 +583,7 @@ TEST(TraceReader, StoppedReaderDelaysOneLineAndLosesTheOthersAtOnce) {
         EXPECT_EQ(TextOf(kept[i]), "line " + std::to_string(i) + " of many that fill the pipe");
 }
 
-TEST(TraceReader, StoppedReaderStopsNoneOfSeveralThreads) {
+TEST_P(TraceReader, StoppedReaderStopsNoneOfSeveralThreads) {
     for (int round = 0; round < 10; ++round) {
         PipedLog pipe(4096);
         std::atomic<int> done{0};
@@ -380,7 +604,7 @@ TEST(TraceReader, StoppedReaderStopsNoneOfSeveralThreads) {
     EXPECT_GT(LostBefore(log.Lines()[0]), 0u);
 }
 
-TEST(TraceReader, TerminalThatShowsNothingStopsNobody) {
+TEST_P(TraceReader, TerminalThatShowsNothingStopsNobody) {
     Descriptor screen(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     ASSERT_EQ(grantpt(screen.get()), 0);
     ASSERT_EQ(unlockpt(screen.get()), 0);
@@ -404,7 +628,7 @@ TEST(TraceReader, TerminalThatShowsNothingStopsNobody) {
     EXPECT_GT(LostBefore(log.LinesWith("next").at(0)), 0u);
 }
 
-TEST(TraceReader, StoppedReaderOfASocketStopsNobody) {
+TEST_P(TraceReader, StoppedReaderOfASocketStopsNobody) {
     // A socket is written without waiting too; here its buffer fills.
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
@@ -421,7 +645,7 @@ TEST(TraceReader, StoppedReaderOfASocketStopsNobody) {
     EXPECT_GT(LostBefore(log.Lines()[0]), 500u);
 }
 
-TEST(TraceReader, HalfALineIsFinishedByANewlineBeforeTheNextOne) {
+TEST(TraceFile, HalfALineIsFinishedByANewlineBeforeTheNextOne) {
     char path[] = "/tmp/trace-test-XXXXXX";
     Descriptor file(mkstemp(path));
     unlink(path);
@@ -449,7 +673,7 @@ TEST(TraceReader, HalfALineIsFinishedByANewlineBeforeTheNextOne) {
     EXPECT_EQ(LostBefore(lines[1]), 1u);
 }
 
-TEST(TraceReader, ClosedStandardErrorHarmsNobody) {
+TEST_P(TraceReader, ClosedStandardErrorHarmsNobody) {
     Descriptor before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
     close(STDERR_FILENO);
     Log("nowhere");
@@ -475,7 +699,9 @@ TEST(TraceFork, ChildLogsWhileAnotherThreadLogsInALoop) {
             Log("busy");
     });
     constexpr int kForks = 30;
+    std::vector<pid_t> children;
     for (int i = 0; i < kForks; ++i) {
+        Log("parent");
         const pid_t child = fork();
         if (child == 0) {
             Log("child");
@@ -489,10 +715,20 @@ TEST(TraceFork, ChildLogsWhileAnotherThreadLogsInALoop) {
         }
         EXPECT_TRUE(ended) << "the child hangs";
         EXPECT_EQ(result, 0);
+        children.push_back(child);
     }
     done = true;
     busy.join();
-    EXPECT_THAT(log.LinesWith(": child"), SizeIs(kForks));
+    std::vector<std::string> said;  // by others than the busy thread
+    for (const std::string& line : log.Lines())
+        if (!line.ends_with(": busy")) said.push_back(line);
+    ASSERT_THAT(said, SizeIs(2 * kForks));
+    for (int i = 0; i < kForks; ++i) {
+        EXPECT_THAT(said[2 * i], HasSubstr(" " + std::to_string(gettid()) + "/"));
+        EXPECT_THAT(said[2 * i], EndsWith(": parent"));
+        EXPECT_THAT(said[2 * i + 1], HasSubstr(" " + std::to_string(children[i]) + "/"));
+        EXPECT_THAT(said[2 * i + 1], EndsWith(": child"));
+    }
 }
 
 }  // namespace
