@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <deque>
-#include <functional>
+#include <memory>
 
 #include "ExitCode.h"
 
@@ -50,7 +50,6 @@ private:
                          const std::string& answer);
     std::string* AddText(CLI::App* to, const std::string& option, const std::string& about,
                          const std::string& otherwise = "");
-    void OnRequest(CLI::App* request, std::function<void()> make);
 
     void AddSdcm();
     void AddMode(CLI::App* sdcm, const Mode& mode);
@@ -138,10 +137,6 @@ std::string* Parser::AddText(CLI::App* to, const std::string& option, const std:
     return &m_texts.back();
 }
 
-void Parser::OnRequest(CLI::App* request, std::function<void()> make) {
-    request->callback(std::move(make));
-}
-
 // --- SDCM ---
 
 void Parser::AddSdcm() {
@@ -153,7 +148,7 @@ void Parser::AddSdcm() {
         "device_event, id=device attached, for each port where something is attached and no mode runs; "
         "nothing else (waits " +
             SecondsOf(SearchBySdcm().answer) + ")");
-    OnRequest(search, [this] { m_order.request = SearchBySdcm(); });
+    search->callback([this] { m_order.request = SearchBySdcm(); });
 }
 
 void Parser::AddMode(CLI::App* sdcm, const Mode& mode) {
@@ -171,7 +166,7 @@ void Parser::AddMode(CLI::App* sdcm, const Mode& mode) {
     std::string* serial = AddText(request, "--serial", "Serial number");
     std::string* devid =
         AddText(request, "--devid", "SDCM's own name of the phone; the answer gives it back");
-    OnRequest(request, [=, this, &mode] {
+    request->callback([=, this, &mode] {
         const Phone phone{*port, HexNumber(*vid), HexNumber(*pid), *serial, *devpath, *devid};
         m_order.request = AskForMode(mode, phone);  // refuses what no field can hold
         if (!devpath->empty() && !vid->empty() && !pid->empty()) return;
@@ -192,7 +187,7 @@ void Parser::AddMedia() {
     std::string* dev_type =
         AddText(search, "--dev-type", "Type in the request; the service only logs it", "none");
     std::string* port = AddText(search, "--port", "Port in the request; the service only logs it", "0");
-    OnRequest(search, [=, this] { m_order.request = SearchByMedia(*dev_type, *port); });
+    search->callback([=, this] { m_order.request = SearchByMedia(*dev_type, *port); });
 }
 
 // --- diagnosis ---
@@ -205,14 +200,14 @@ void Parser::AddDiag() {
                    "none; what the service then tells media, navigation, speech and SDCM changes");
     std::string* value = AddText(coding, "--value", "0 to 3: nobody is told below 1, all are from 2 on");
     coding->get_option("--value")->required()->check(CLI::IsMember({"0", "1", "2", "3"}));
-    OnRequest(coding, [=, this] { m_order.request = SetCoding(static_cast<unsigned>(std::stoul(*value))); });
+    coding->callback([=, this] { m_order.request = SetCoding(static_cast<unsigned>(std::stoul(*value))); });
 
     CLI::App* test =
         AddRequest(diag, "self-test", "Let the hub test its sockets",
                    "two packets for each socket, then diag_test_result, result=good or bad (could not "
                    "run; then it comes alone) (waits " +
                        SecondsOf(RunSelfTest().answer) + ")");
-    OnRequest(test, [this] { m_order.request = RunSelfTest(); });
+    test->callback([this] { m_order.request = RunSelfTest(); });
 }
 
 void Parser::AddAdaption(CLI::App* diag) {
@@ -224,7 +219,7 @@ void Parser::AddAdaption(CLI::App* diag) {
         ports.push_back(AddText(adaption, option, "On: active, off: not", "on"));
         adaption->get_option(option)->check(CLI::IsMember({"on", "off"}))->capture_default_str();
     }
-    OnRequest(adaption, [=, this] {
+    adaption->callback([=, this] {
         bool active[kAdaptionPorts];
         for (unsigned i = 0; i < kAdaptionPorts; ++i)
             active[i] = *ports[i] == "on";
@@ -265,7 +260,7 @@ void Parser::AddPower() {
             values.push_back(AddText(request, option, about, "0"));
             request->get_option(option)->capture_default_str()->type_name("0..255");
         }
-        OnRequest(request, [this, values, make = kind.make] {
+        request->callback([this, values, make = kind.make] {
             std::vector<std::string> texts;
             for (const std::string* value : values)
                 texts.push_back(*value);
@@ -283,7 +278,7 @@ void Parser::AddTest() {
         "mount_check_result, mounted=yes (success) or no (waits " + SecondsOf(CheckMount(1).answer) + ")");
     std::string* port = AddText(check, "--port", "1 or 2");
     check->get_option("--port")->required()->check(CLI::IsMember({"1", "2"}));
-    OnRequest(check, [=, this] { m_order.request = CheckMount(*port == "1" ? 1 : 2); });
+    check->callback([=, this] { m_order.request = CheckMount(*port == "1" ? 1 : 2); });
 }
 
 // --- settings store ---
@@ -295,7 +290,7 @@ void Parser::AddSettings() {
                                    "none; the service reads the record, and logs what it finds");
     std::string* path = AddText(changed, "--record", "Path or name: shm_usb_cert or shm_usb_cert_persist");
     changed->get_option("--record")->required();
-    OnRequest(changed, [=, this] { m_order.request = TellSettingChanged(*path); });
+    changed->callback([=, this] { m_order.request = TellSettingChanged(*path); });
 
     AddSwitches(settings);
 
@@ -304,7 +299,7 @@ void Parser::AddSettings() {
                    "none; the service logs customer_hub_support");
     std::string* support = AddText(hub, "--support", "On or off");
     hub->get_option("--support")->required()->check(CLI::Validator(IsSwitchValue, ""));
-    OnRequest(hub, [=, this] {
+    hub->callback([=, this] {
         m_order.change = HubChange{SwitchValue(*support)};
         m_order.request = TellSettingChanged(HubPath());
     });
@@ -325,7 +320,7 @@ void Parser::AddSwitches(CLI::App* settings) {
         values.emplace_back(switches->get_option(option)->check(CLI::Validator(IsSwitchValue, "")), value);
     }
     switches->require_option(1, 0);
-    OnRequest(switches, [=, this] {
+    switches->callback([=, this] {
         std::optional<std::uint32_t> given[4];
         for (std::size_t i = 0; i < values.size(); ++i)
             if (values[i].first->count() > 0) given[i] = SwitchValue(*values[i].second);
@@ -351,7 +346,7 @@ void Parser::AddRaw() {
         AddText(raw, "--record", "A record by its name, filled by FIELD=VALUE, the rest zero");
     auto values = std::make_shared<std::vector<std::string>>();
     raw->add_option("BYTES", *values, "Hex digits; with --record: FIELD=VALUE, by words or numbers");
-    OnRequest(raw, [=, this] {
+    raw->callback([=, this] {
         if (name->empty()) {
             std::string digits;
             for (const std::string& value : *values)
