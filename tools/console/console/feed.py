@@ -51,11 +51,6 @@ class Feed:
             self._standing[kind] = Entry(next(self._versions), kind, 0, data)
             self._changed.notify_all()
 
-    def forget(self, kind):
-        """What has happened of that kind; pages that show it already keep it until they are loaded again."""
-        with self._changed:
-            self._happened[kind].clear()
-
     def after(self, version, timeout):
         """What was told after that version, in order; empty when there was nothing for so many seconds."""
         with self._changed:

@@ -16,7 +16,7 @@ import time
 import usbrecords
 from headunit import CardReader, HeadUnit, HeadUnitError, Hub, Phone, sticks
 
-from . import devices, requests, words
+from . import devices, requests, status, words
 from .forms import WrongInput, parse
 from .model import Model
 
@@ -25,7 +25,9 @@ DEFAULT_LEVEL = 128
 KEEP = {"record": 4000, "log": 8000, "phone": 4000}
 TOGETHER = 0.2          # seconds within which equal records to several receivers have left as one
 RECENT = 8              # records that a further receiver is looked for in
-PHONE_LOOK = 0.1        # seconds between looks at what phones have seen
+LOOK = 0.1              # seconds between looks at what phones have seen, and at the service's status after news
+IDLE_LOOK = 1.0         # at the status, without news
+STATUS_LIMIT = 3.0      # after which an answer is no longer expected
 MEDIA_POLL = 500        # milliseconds after which a changed card is noticed
 UNIT_PORTS = ("1.1", "1.2")
 PATIENCE = 180          # seconds that a page waits for what it asked
@@ -75,13 +77,15 @@ class Head:
         self._lock = threading.Lock()   # of what follows
         self._model = Model()
         self._items = []
-        self._sending = collections.deque()     # (sender, bytes) on their way to the service
-        self._recent = collections.deque(maxlen=RECENT)     # (entry's number, entry, bytes)
+        self._runs = False              # the service
+        self._has_news = False          # since the status was asked for
+        self._asked = None              # when, while an answer is awaited
+        self._last_asked = 0.0
+        self._recent = collections.deque(maxlen=RECENT)     # (entry's number, entry); the unit's thread only
         self._telling = threading.Lock()        # of what items have told of their phones
         self._over = threading.Event()
-        self._booted = threading.Event()
         self._worker = threading.Thread(target=self._work, name="unit")
-        self._watcher = threading.Thread(target=self._watch, name="phones")
+        self._watcher = threading.Thread(target=self._watch, name="watch")
 
     # ---- life ----
 
@@ -89,10 +93,6 @@ class Head:
         self._show_all()
         self._worker.start()
         self._watcher.start()
-
-    def wait_booted(self, timeout=None):
-        """Until the unit has booted, or could not."""
-        return self._booted.wait(timeout)
 
     def close(self):
         """Ends the unit and takes away what was made for it."""
@@ -106,27 +106,27 @@ class Head:
     def _work(self):
         try:
             self._boot_or_tell()
-            self._booted.set()
             while (job := self._jobs.get()) is not None:
                 future, act, arguments = job
                 try:
                     future.set_result(act(arguments))
-                except BaseException as error:  # whatever it is belongs to who asked
+                except Exception as error:  # whatever it is belongs to who asked
                     future.set_exception(error)
         finally:
-            self._booted.set()
             self._shut()
 
     def _boot_or_tell(self):
         try:
             self._boot()
-        except HeadUnitError as error:
+        except (HeadUnitError, OSError) as error:
+            self._shut()
             self._show_unit("failed", str(error))
 
     def _boot(self):
         self._show_unit("booting")
         unit = self._unit_class(listener=self._hear)
         self._unit = unit.__enter__()
+        unit.listen_to_tap()
         self._prepare()
         self._show_unit("running", f"{unit.sh('uname -srm')}, booted in {unit.boot_seconds:.1f} s")
         self._start_service()
@@ -193,7 +193,6 @@ class Head:
             self._running().unplug(item.device)
         finally:
             self._forget_gone()
-            self._show_plugged()
 
     def _do_phone(self, arguments):
         item = self._item(arguments)
@@ -221,7 +220,7 @@ class Head:
         if not request:
             raise WrongInput(f"there is no request {arguments.get('request')!r}")
         values = parse(request.fields, arguments.get("fields", {}))
-        text = request.act(Peer(self._running(), self), values)
+        text = request.act(self._running(), values)
         return {"text": text} if text else {}
 
     def _do_service(self, arguments):
@@ -242,7 +241,9 @@ class Head:
         if what == "restart":
             self._shut()
             self._clear()
-            self._boot()
+            self._show_service(None, None)
+            self._boot_or_tell()
+            self._running()
         elif what == "reset":
             unit = self._running()
             unit.reset()
@@ -301,6 +302,7 @@ class Head:
         for item in gone:
             self._tell_phone(item)
             shutil.rmtree(item.folder, ignore_errors=True)
+        self._show_plugged()
 
     def _forget_items(self):
         with self._lock:
@@ -313,74 +315,100 @@ class Head:
     # ---- what is heard: by the unit's own thread ----
 
     def _hear(self, verb, rest):
-        if verb == "rec":
-            stamp, receiver, text = rest.split(" ")
-            self._hear_record(int(stamp) / 1e9, receiver, b"" if text == "-" else bytes.fromhex(text))
-        elif verb == "log":
-            stamp, _, text = rest.partition(" ")
-            self._hear_log(int(stamp) / 1e9, text)
-        elif verb == "board":
-            stamp, _, text = rest.partition(" ")
-            self._feed.put("log", words.board_entry(int(stamp) / 1e9, text))
-        elif verb == "sent":
-            self._hear_sent()
-        elif verb == "started":
-            self._show_service({"pid": int(rest), "end": None})
-        elif verb == "exited":
-            self._clear()
-            self._show_service({"pid": None, "end": rest})
-        elif verb == "over" and not self._over.is_set():
-            self._show_unit("gone", "the machine has ended")
-            self._clear()
-            self._show_service({"pid": None, "end": "the machine has ended"})
+        hear = getattr(self, f"_hear_{verb}", None)     # other lines answer somebody's question
+        if not hear:
+            return
+        try:
+            hear(rest)
+        except status.NotUnderstood as error:
+            self._feed.put("log", words.console_entry(f"not understood: {error}; is the unit's image of these sources?"))
 
-    def _hear_record(self, time_, receiver, data):
-        for number, entry, known in reversed(self._recent):
-            # A packet to several processes leaves at once.
-            if known == data and time_ - entry["time"] < TOGETHER and receiver not in entry["receivers"]:
-                entry["receivers"] = [*entry["receivers"], receiver]
-                self._feed.amend("record", number, dict(entry))
-                return
-        entry = words.entry(time_, "out", "usb", [receiver], data)
-        self._recent.append((self._feed.put("record", dict(entry)), entry, data))
+    def _hear_tap(self, rest):
+        head, data = status.decode_tap(bytes.fromhex(rest))
+        record = usbrecords.decode(head["receiver"], data, head["sender"])
+        entry = words.record_entry(head, record)
+        if self._joins(entry):
+            return
+        self._recent.append((self._feed.put("record", dict(entry)), entry))
         with self._lock:
-            news = self._model.record(usbrecords.decode(receiver, data))
-        if news:
+            self._has_news = True
+            told = head["direction"] == "out" and self._model.record(record)
+        if told:
             self._show_model()
 
-    def _hear_log(self, time_, text):
-        entry = words.log_entry(time_, text)
+    def _joins(self, entry):
+        """A packet to several processes leaves at once: it is one entry."""
+        for number, known in reversed(self._recent):
+            if entry["direction"] == "out" and entry["receivers"][0] not in known["receivers"] and \
+                    entry["time"] - known["time"] < TOGETHER and \
+                    all(entry[name] == known[name] for name in ("direction", "hex", "outcome", "faults")):
+                known["receivers"] = [*known["receivers"], *entry["receivers"]]
+                self._feed.amend("record", number, dict(known))
+                return True
+        return False
+
+    def _hear_log(self, rest):
+        stamp, _, text = rest.partition(" ")
+        entry = words.log_entry(int(stamp) / 1e9, text)
         self._feed.put("log", entry)
         with self._lock:
-            news = self._model.log_line(entry["time"], entry["text"])
-        if news:
+            self._has_news = True
+            told = self._model.log_line(entry["time"], entry["text"])
+        if told:
             self._show_model()
 
-    def _hear_sent(self):
+    def _hear_board(self, rest):
+        stamp, _, text = rest.partition(" ")
+        self._feed.put("log", words.board_entry(int(stamp) / 1e9, text))
+
+    def _hear_status(self, rest):
         with self._lock:
-            if not self._sending:
+            self._asked = None
+            snapshot = status.decode(b"" if rest == "-" else bytes.fromhex(rest))
+            if not snapshot or not self._runs:
                 return
-            sender, data = self._sending.popleft()
-            offset = self._unit.clock_offset if self._unit else 0.0
-        self._feed.put("record", words.entry(time.monotonic() + offset, "in", sender, ["usb"], data))
+            self._model.status(snapshot)
+        self._show_model()
 
-    def sending(self, sender, data):
-        """Before a record is given to the unit; gives what takes it back."""
+    def _hear_started(self, rest):
         with self._lock:
-            self._sending.append((sender, data))
+            self._runs, self._has_news = True, True
+        self._show_service(int(rest), None)
 
-    def not_sent(self):
-        with self._lock:
-            self._sending.clear()
+    def _hear_exited(self, rest):
+        self._clear()
+        self._show_service(None, rest)
 
-    # ---- phones ----
+    def _hear_over(self, _):
+        if self._over.is_set():
+            return
+        self._clear()
+        self._show_unit("gone", "the machine has ended")
+        self._show_service(None, "the machine has ended")
+
+    # ---- what is looked at: by a thread of its own ----
 
     def _watch(self):
-        while not self._over.wait(PHONE_LOOK):
+        while not self._over.wait(LOOK):
             with self._lock:
                 phones = [item for item in self._items if isinstance(item.device, Phone)]
             if any([self._tell_phone(item) for item in phones]):
                 self._show_plugged()
+            self._ask_status()
+
+    def _ask_status(self):
+        unit, now = self._unit, time.monotonic()
+        with self._lock:
+            if not self._runs or self._asked is not None and now - self._asked < STATUS_LIMIT:
+                return
+            if not self._has_news and now - self._last_asked < IDLE_LOOK:
+                return
+            self._asked = self._last_asked = now
+            self._has_news = False
+        try:
+            unit.ask_status()
+        except HeadUnitError:
+            pass    # the machine is gone: _hear_over tells
 
     def _tell_phone(self, item):
         """Passes on what the phone has seen since; true when it shows itself in another way."""
@@ -403,20 +431,20 @@ class Head:
     def _clear(self):
         with self._lock:
             self._model.clear()
-            self._sending.clear()
+            self._runs, self._asked = False, None
         self._show_model()
 
     def _show_all(self):
         self._show_unit("booting")
-        self._show_service({"pid": None, "end": None})
+        self._show_service(None, None)
         self._show_model()
         self._show_plugged()
 
     def _show_unit(self, state, text=""):
         self._feed.show("unit", {"state": state, "text": text})
 
-    def _show_service(self, data):
-        self._feed.show("service", {**data, "level": self._level})
+    def _show_service(self, pid, end):
+        self._feed.show("service", {"pid": pid, "end": end, "level": self._level})
 
     def _show_model(self):
         with self._lock:
@@ -435,25 +463,6 @@ class Head:
         return {"devices": [kind.describe() for kind in self._kinds.values()],
                 "requests": [request.describe() for request in self._requests.values()],
                 "levels": [{"value": value, "label": f"{value} {label}"} for value, label in LEVELS]}
-
-
-class Peer:
-    """The unit, as a request sees it: what is sent to the service is told to the feed."""
-
-    def __init__(self, unit, head):
-        self._unit = unit
-        self._head = head
-
-    def send(self, sender, data):
-        self._head.sending(sender, data)
-        try:
-            self._unit.send(sender, data)
-        except HeadUnitError:
-            self._head.not_sent()
-            raise
-
-    def __getattr__(self, name):
-        return getattr(self._unit, name)
 
 
 def _first_part(error):

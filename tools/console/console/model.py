@@ -1,15 +1,15 @@
 """What is known of the service by what is heard from it: states of ports, mounts, and what stands on each port.
 
-Pure data: no thread, no clock, no unit. Times are seconds on the unit's clock.
+Pure data: no thread, no clock, no unit. Times are seconds on the unit's clock. A port's state is what the service's
+status says; states that it passed between two looks are in its log, as long as the log's level lets them through.
 """
 import re
 
-from . import states
+from . import states, status
 
 ATTACHED = 1
 RESULTS = range(5, 11)          # ids of answers to requests of a mode or a reset
 DONE = 0
-MOUNTED, EJECTED = 3, 5         # cmd of a storage packet
 
 SET_STATE = re.compile(r"SetState: port(\d+) (STATE_\w+)->(STATE_\w+)$")
 TRAIL = 40                      # states that are remembered for each port
@@ -17,17 +17,17 @@ TRAIL = 40                      # states that are remembered for each port
 
 class Model:
     def __init__(self):
-        self.ports = {}         # number: {"state", "since", "trail": [(time, state)]}
-        self.mounts = {}        # mount path: {"port", "partition", "fs_type", "label", "uuid"}
+        self.ports = {}         # number: {"state", "since", "trail": [(time, state)], "device"}
+        self.mounts = []
         self.known = {}         # number: ids and path of the device that SDCM was told last
-        self.status = None      # the service's own report, when it gives one
+        self.tables = []        # the rest of the status
 
     def clear(self):
         """The service has ended: nothing of it is true any more."""
         self.ports.clear()
         self.mounts.clear()
         self.known.clear()
-        self.status = None
+        self.tables.clear()
 
     def log_line(self, time, text):
         """True when it told something."""
@@ -49,30 +49,41 @@ class Model:
             # It tells the ids that the phone has after a switch.
             self.known[record["port"]] = {**self.known.get(record["port"], {}), **_addressed(record)}
             return True
-        if record.name == "st_storage_pkt" and record["mount_path"]:
-            return self._storage(record)
         return False
 
-    def _storage(self, record):
-        if record["cmd"] == MOUNTED:
-            self.mounts[record["mount_path"]] = {name: record[name] for name in ("port", "partition", "fs_type",
-                                                                                   "label", "uuid")}
-        elif record["cmd"] == EJECTED:
-            self.mounts.pop(record["mount_path"], None)
-        else:
-            return False
-        return True
+    def status(self, snapshot):
+        """A decoded status of the service."""
+        for row in snapshot["ports"]:
+            self._port_is(row["port"], row["state_name"], row["since_ns"] / 1e9, row["device"])
+        self.mounts = [{"path": row["mount_path"], **{name: row[name] for name in
+                                                      ("port", "partition", "fs_type", "label", "uuid")}}
+                       for row in sorted(snapshot["mounts"], key=lambda row: row["mount_path"])]
+        self.tables = status.tables(snapshot)
+
+    def _port_is(self, number, state, since, device):
+        port = self._port(number)
+        last = port["trail"][-1][0]
+        if last is not None and since < last:
+            return      # older than what the log has told since
+        if port["state"] != state or last is None:
+            self._enter(number, state, since)
+        port["device"] = {"product": device["product"], "serial": device["serial"], "type": status.type_word(device),
+                          "ids": f"{device['vid']:04x}:{device['pid']:04x}"} if device["vid"] else None
+
+    def _port(self, number):
+        return self.ports.setdefault(number, {"state": states.FIRST, "since": None, "trail": [(None, states.FIRST)],
+                                              "device": None})
 
     def _enter(self, number, state, time):
-        port = self.ports.setdefault(number, {"state": states.FIRST, "since": None, "trail": [(None, states.FIRST)]})
-        port["trail"] = [*port["trail"], (time, state)][-TRAIL:]
+        port = self._port(number)
+        if state != port["state"]:
+            port["trail"] = [*port["trail"], (time, state)][-TRAIL:]
         port["state"], port["since"] = state, time
 
     def describe(self):
         """For the page."""
-        return {"ports": {str(number): {**port, "trail": list(port["trail"])} for number, port in
-                          sorted(self.ports.items())},
-                "mounts": [{"path": path, **about} for path, about in sorted(self.mounts.items())],
+        return {"ports": {str(number): dict(port) for number, port in sorted(self.ports.items())},
+                "mounts": list(self.mounts), "status": list(self.tables),
                 "known": [{"port": port, **about} for port, about in sorted(self.known.items())]}
 
 

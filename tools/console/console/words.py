@@ -15,19 +15,13 @@ EVENTS = {"left": "leaves the bus", "cut": "has lost its power", "restored": "ha
           "reset": "is reset on the bus"}
 
 
-def entry(time, direction, sender, receivers, data):
-    """direction: "in" to the service, "out" from it."""
-    record = usbrecords.decode(receivers[0], data, sender)
-    return {"time": round(time, 6), "direction": direction, "sender": sender, "receivers": receivers,
-            "name": record.name, "fields": [_field(record, field) for field in record.description()
-                                            if field["name"] in record.fields],
-            "faults": record.faults, "hex": bytes(data).hex(), "port": port(record)}
-
-
-def port(record):
-    """The number of the unit's port that the record is about, or None."""
-    number = record.fields.get("port")
-    return number if isinstance(number, int) else None
+def record_entry(head, record):
+    """head: of the tap."""
+    lost = [f"{head['lost']} records before this one were lost on the way here"] if head["lost"] else []
+    return {"time": head["monotonic_ns"] / 1e9, "direction": head["direction"], "sender": head["sender"],
+            "receivers": [head["receiver"]], "outcome": head["outcome"], "name": record.name,
+            "fields": [_field(record, field) for field in record.description() if field["name"] in record.fields],
+            "faults": record.faults + lost, "hex": record.data.hex(), "port": record.fields.get("port")}
 
 
 def _field(record, field):
@@ -44,6 +38,10 @@ def log_entry(time, line):
         return {"time": time, "source": "service", "level": 0, "from": "", "text": line}
     return {"time": float(found["time"]), "source": "service", "level": int(found["level"]),
             "from": f"{found['thread']} {found['file']}", "text": found["text"]}
+
+
+def console_entry(text):
+    return {"time": 0.0, "source": "console", "level": 192, "from": "", "text": text}
 
 
 def board_entry(time, text):

@@ -5,6 +5,7 @@ import * as monitor from "./monitor.js";
 import * as plug from "./plug.js";
 import * as ports from "./ports.js";
 import * as requests from "./requests.js";
+import * as status from "./status.js";
 
 let session = null;
 let version = 0;
@@ -54,11 +55,14 @@ const STANDING = {
     stand("#service", data.pid ? "running" : "gone", data.pid ? "Service runs" : `Service ${ended}`,
       data.pid ? `process ${data.pid}, log level ${data.level}` : "");
     find("#level").value = String(data.level);
+    for (const button of findAll('[data-action="service"]'))
+      button.hidden = button.dataset.what === "start" ? Boolean(data.pid) : !data.pid;
   },
   ports: ports.showPorts,
   mounts: ports.showMounts,
   plugged: ports.showPlugged,
   known: requests.showKnown,
+  status: status.show,
 };
 
 function stand(selector, state, text, title) {

@@ -25,6 +25,9 @@ function furnish(element, properties, children) {
 export const find = (selector, within = document) => within.querySelector(selector);
 export const findAll = (selector, within = document) => [...within.querySelectorAll(selector)];
 
+// All device paths of the unit begin alike.
+export const shortPath = (text) => text.replace(/\/devices\/.*\/(?=usb\d)/, "…/");
+
 // Does what an action needs on the way: the button waits, errors are shown beside it.
 // Gives what the server gave, or null when it failed.
 export async function act(button, said, action, values) {

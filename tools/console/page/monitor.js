@@ -1,5 +1,6 @@
 // The lists of what happens: records, the log, what phones see. They share a filter and a pause.
-import {find, findAll, make} from "./dom.js";
+import {find, make, shortPath} from "./dom.js";
+import * as tabs from "./tabs.js";
 
 const MOST = 2000;      // lines that a list shows
 const NAMES = ["record", "log", "phone"];
@@ -15,9 +16,8 @@ export function setUp() {
       if (!element.hidden)
         lists[name].isAtEnd = element.scrollTop + element.clientHeight >= element.scrollHeight - 8;
     });
-    lists[name].tab.addEventListener("click", () => choose(name));
-    lists[name].tab.addEventListener("keydown", (event) => step(name, event));
   }
+  tabs.setUp((name) => lists[name] && settle(name));
   find("#pause").addEventListener("click", pause);
   find("#clear").addEventListener("click", clear);
   for (const id of ["filter", "direction", "process", "port", "all-transfers"])
@@ -90,27 +90,6 @@ function clear() {
   }
 }
 
-// ---- tabs ----
-
-function choose(name) {
-  for (const one of NAMES) {
-    const chosen = one === name;
-    lists[one].tab.setAttribute("aria-selected", String(chosen));
-    lists[one].tab.tabIndex = chosen ? 0 : -1;
-    lists[one].element.hidden = !chosen;
-  }
-  for (const label of findAll("[data-for]")) label.hidden = label.dataset.for !== name;
-  settle(name);
-}
-
-function step(name, event) {
-  const by = {ArrowRight: 1, ArrowLeft: NAMES.length - 1}[event.key];
-  if (!by) return;
-  const next = NAMES[(NAMES.indexOf(name) + by) % NAMES.length];
-  choose(next);
-  lists[next].tab.focus();
-}
-
 // ---- filter ----
 
 function refilter(name) {
@@ -130,13 +109,13 @@ function passes(name, data) {
   const port = find("#port").value;
   return (!direction || data.direction === direction)
     && (!process || data.sender === process || data.receivers.includes(process))
-    && (!port || data.port !== null && String(data.port % 10) === port);
+    && (!port || typeof data.port === "number" && String(data.port % 10) === port);
 }
 
 function textOf(name, data) {
   if (name === "log") return `${data.source} ${data.from} ${data.text}`;
   if (name === "phone") return Object.values(data).join(" ");
-  return [data.sender, ...data.receivers, data.name ?? "",
+  return [data.sender, ...data.receivers, data.name ?? "", data.outcome,
     ...data.fields.filter((field) => field.shown).map((field) => `${field.name}=${field.said}`)].join(" ");
 }
 
@@ -154,8 +133,8 @@ const timeOf = (data) => make("time", {}, data.time.toFixed(3));
 
 function recordLine(data) {
   const fields = data.fields.filter((field) => field.shown).map((field) => make("span", {className: "value"},
-    make("i", {}, `${field.name}=`), field.said, " "));
-  const faults = data.faults.map((fault) => make("em", {className: "fault"}, fault));
+    make("i", {}, `${field.name}=`), field.name === "devpath" ? shortPath(field.said) : field.said, " "));
+  const faults = [...data.faults, ...data.outcome === "delivered" ? [] : [data.outcome]].map((fault) => make("em", {className: "fault"}, ` ${fault}`));
   const summary = make("summary", {}, timeOf(data), make("span", {className: "who"}, whoOf(data)),
     make("b", {}, data.name ?? "unknown"), make("span", {className: "values"}, ...fields, ...faults));
   const details = make("details", {className: `line record ${data.direction}`}, summary);
@@ -176,10 +155,11 @@ function insideOf(data) {
   const rows = data.fields.map((field) => make("tr", {}, make("td", {}, String(field.at)),
     make("td", {}, String(field.width)), make("th", {scope: "row"}, field.name), make("td", {}, field.said),
     make("td", {}, field.number === null ? "" : String(field.number))));
-  const head = make("tr", {}, ...["at", "bytes", "field", "value", "number"].map((text) => make("th", {}, text)));
+  const head = make("tr", {}, ...["at", "bytes", "field", "value", "number"].map((text) =>
+    make("th", {scope: "col"}, text)));
   const table = make("table", {}, make("thead", {}, head), make("tbody", {}, ...rows));
   return make("div", {className: "inside"}, make("p", {}, `${data.sender} → ${data.receivers.join(", ")}, `
-    + `${data.hex.length / 2} bytes`), rows.length ? table : null, make("pre", {}, hexDump(data.hex)));
+    + `${data.hex.length / 2} bytes, ${data.outcome}`), rows.length ? table : null, make("pre", {}, hexDump(data.hex)));
 }
 
 function hexDump(hex) {

@@ -55,11 +55,12 @@ function machineOf(number) {
   if (machines.has(number)) return machines.get(number);
   const {svg, light} = machine.picture(`State of port ${number}`);
   const one = {light, badge: make("strong", {className: "badge"}), since: make("span", {className: "since"}),
+    device: make("span", {className: "device"}),
     trail: make("ol", {className: "trail", "aria-label": `States of port ${number} so far`}),
     ways: make("ul", {className: "ways-from", "aria-label": "What may happen next"})};
   const name = number < 10 ? `Port ${number}` : `Port ${number}: port ${Math.floor(number / 10)} of the hub`;
   one.element = make("section", {className: "port-state", dataset: {port: number}},
-    make("h3", {}, `${name} `, one.badge, " ", one.since), make("div", {className: "scroll"}, svg), one.trail,
+    make("h3", {}, `${name} `, one.badge, " ", one.since, " ", one.device), make("div", {className: "scroll"}, svg), one.trail,
     make("details", {}, make("summary", {}, "What may happen next"), one.ways));
   machines.set(number, one);
   find(".machines", cards.get(number % 10) ?? cards.get(1)).append(one.element);
@@ -72,6 +73,7 @@ function show(one, port) {
   one.element.dataset.state = port.state;
   one.badge.textContent = port.state;
   one.since.textContent = port.since === null ? "" : `since ${port.since.toFixed(3)} s`;
+  one.device.textContent = port.device ? `${port.device.type} ${port.device.ids} ${port.device.product}` : "";
   one.light(port.state, names.at(-2));
   one.trail.replaceChildren(...names.map((name) => make("li", {}, machine.short(name))));
   one.trail.scrollLeft = one.trail.scrollWidth;

@@ -37,14 +37,15 @@ function aboutOf(form) {
   return make("div", {className: "field"}, make("label", {htmlFor: select.id}, "Device"), select);
 }
 
+// What has come is chosen; else the choice stays, and follows what its device becomes.
 export function showKnown(devices) {
+  const come = devices.find((device) => !known.some((before) => before.port === device.port));
   known = devices;
   for (const {form, select} of abouts) {
-    const chosen = select.value;
+    const chosen = come ? String(come.port) : select.value;
     const none = make("option", {value: ""}, known.length ? "as typed below" : "nothing is attached");
     select.replaceChildren(...known.map(optionOf), none);
-    const still = known.some((device) => String(device.port) === chosen);
-    select.value = still ? chosen : String(known.at(-1)?.port ?? "");
+    select.value = known.some((device) => String(device.port) === chosen) ? chosen : "";
     fill(form, select.value);
   }
 }
