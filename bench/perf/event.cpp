@@ -64,6 +64,6 @@ int main(int count, char** arguments) {
         reinterpret_cast<UNotifier*>(&somebody));  // handed to nodes only, of which there come none
     if (events.InitNetlink() != 0) return EXIT_FAILURE;
     reader = &events;
-    bench::WarmUpAndMeasure(Drive, 1000);
+    bench::WarmUpAndMeasure(Drive);
     return UListNode::GetInstance()->GetSize() == kNodes ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -41,6 +41,6 @@ int main(int count, char** arguments) {
         list->InsertNode(subsystem, path.c_str(), nullptr);
     for (std::size_t at = 0; come_and_go.size() < kPaths; at = (at + kStep) % nodes)
         come_and_go.push_back(bench::FurtherChild(tree[at]));
-    bench::WarmUpAndMeasure(InsertFindRemove, 1000);
+    bench::WarmUpAndMeasure(InsertFindRemove);
     return list->GetSize() == nodes ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -1,6 +1,6 @@
 // The events of what is plugged in and out, from the kernel's wake-up on, without the kernel's own work and
 // without the programs that the service starts:
-//   perf_roads stick|phone ROUNDS
+//   perf_roads stick|phone
 // Attributes are files of a made-up /sys; settings, volumes and mounts are made up as well; the queues and
 // the way to other processes are the real ones.
 #include <linux/netlink.h>
@@ -34,6 +34,7 @@ namespace {
 using namespace dcm::usb;
 
 constexpr int kLogThreshold = 160;
+constexpr long kWarmUp = 10;
 constexpr int kSocket = 900;
 constexpr pid_t kTool = 4711;
 constexpr char kToolSays[] =
@@ -254,19 +255,10 @@ void Drain(unsigned position) {
     }
 }
 
-}  // namespace
-
-// One event; apart from Round, which also empties the queues.
-extern "C" [[gnu::noinline]] void Drive() {
-    if (reader->DriveNetLink() != 0) std::abort();
-}
-
-namespace {
-
-void Round(long) {
+void PlugInAndOut(long) {
     for (const std::string& one : messages) {
         message = &one;
-        Drive();
+        if (reader->DriveNetLink() != 0) std::abort();
     }
     Drain(dcm::DcmInterface::QUEUE_USB);
     Drain(dcm::DcmInterface::QUEUE_MONITOR);
@@ -275,7 +267,7 @@ void Round(long) {
 }  // namespace
 
 int main(int count, char** arguments) {
-    if (count != 3) return EXIT_FAILURE;
+    if (count != 2) return EXIT_FAILURE;
     ka_log_threshold = kLogThreshold;
     const Folder sys;
     const Folder kipc;
@@ -289,7 +281,7 @@ int main(int count, char** arguments) {
         UNetLink events(&notifier);
         if (events.InitNetlink() != 0) return EXIT_FAILURE;
         reader = &events;
-        bench::WarmUpAndMeasure(Round, std::strtol(arguments[2], nullptr, 10));
+        bench::WarmUpAndMeasure(PlugInAndOut, kWarmUp);
         if (UListNode::GetInstance()->GetSize() != 0) return EXIT_FAILURE;
     }
     delete dcm::DcmInterface::m_pInstance;
