@@ -5,8 +5,8 @@
 // client sends is passed over. A client that does not read costs the owners nothing. Numbers are in the
 // machine's byte order; a reader passes over kinds that it does not know.
 //
-// A platform without a status defines Row::Show, Row::Withdraw and Number::Number with empty bodies; nothing
-// depends on what they do.
+// A platform without a status defines Row::Show and Row::Withdraw with empty bodies, and Number::Number, which
+// keeps its arguments; nothing depends on what they do.
 #pragma once
 
 #include <time.h>
