@@ -206,7 +206,8 @@ class Load:
         lost_before, before = lost(), reader.cpu()
         took = self.inject(self.counts.full)
         reader.drain()
-        return (reader.cpu() - before) / self.counts.full, lost() - lost_before, took / self.counts.full
+        return {"full_ns": (reader.cpu() - before) / self.counts.full, "lost": lost() - lost_before,
+                "pace_ns": took / self.counts.full}
 
     def round(self, name, command=None, batches=1):
         with start(name, command) as reader:
@@ -214,8 +215,7 @@ class Load:
             reader.drain()
             # The cheapest of some: what else runs on the machine only adds.
             batch = min(self.batch(reader) for _ in range(batches))
-            full, missing, pace = self.full_speed(reader)
-            return {"batch_ns": batch, "full_ns": full, "lost": missing, "pace_ns": pace}
+            return {"batch_ns": batch} | self.full_speed(reader)
 
 
 def memory(pid):
