@@ -181,7 +181,7 @@ public:
 private:
     // What was formatted behind the end, with escapes or cut. Its last character may be incomplete there, but
     // is always behind the cut.
-    void EscapeRest() {
+    [[gnu::noinline]] void EscapeRest() {  // its stack is not every line's
         char text[sizeof m_bytes];
         const std::size_t count = std::strlen(m_bytes + m_end);
         std::memcpy(text, m_bytes + m_end, count);
@@ -461,11 +461,9 @@ __attribute__((constructor(101))) void ReadEnvironment() {
     ka_log_threshold = static_cast<int>(level);
 }
 
-}  // namespace
-
-extern "C" void ka_log_print(const char* file, const char* function, int line, int level, int module,
-                             int submodule, const char* format, ...) {
-    if (level < ka_log_threshold) return;
+// Not part of ka_log_print, so that a filtered line does not make room for one.
+[[gnu::noinline]] void Print(const char* file, const char* function, int line, int level, int module,
+                             int submodule, const char* format, va_list arguments) {
     const int error = errno;
     // Nearly always none: looked at before it is taken, which would cost the other processors the word.
     const unsigned long lost = g_lost.load(std::memory_order_relaxed) ? g_lost.exchange(0) : 0;
@@ -473,19 +471,28 @@ extern "C" void ka_log_print(const char* file, const char* function, int line, i
     Line text;
     AppendHead(&text, level, module, submodule, lost);
     AppendPlace(&text, file, function, line);
-    va_list arguments;
-    va_start(arguments, format);
     errno = error;  // for %m
     AppendText(&text, format, arguments);
-    va_end(arguments);
     text.End(after_torn);
 
-    Output output(g_way.load(std::memory_order_relaxed));
+    const E_WAY way = g_way.load(std::memory_order_relaxed);
+    Output output(way);
     const std::size_t written = output.Write(text.data(), text.size(), lost == 0 ? kPatienceMs : 0);
-    g_way.store(output.WayOfNext(), std::memory_order_relaxed);
+    if (output.WayOfNext() != way) g_way.store(output.WayOfNext(), std::memory_order_relaxed);
     if (written < text.size()) {
         g_lost.fetch_add(lost + 1);
         if (written > 0 || after_torn) g_torn.store(true);
     }
     errno = error;
+}
+
+}  // namespace
+
+extern "C" void ka_log_print(const char* file, const char* function, int line, int level, int module,
+                             int submodule, const char* format, ...) {
+    if (level < ka_log_threshold) return;
+    va_list arguments;
+    va_start(arguments, format);
+    Print(file, function, line, level, module, submodule, format, arguments);
+    va_end(arguments);
 }
