@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """check_manual.py PROGRAM PAGE COMPLETION: the man page is without fault, and page and bash completion know exactly the
-options that the program's --help lists. A program with subcommands is asked for the help of each."""
+options that the program's --help lists."""
 import os
 import pathlib
 import re
@@ -15,22 +15,13 @@ def run(*words):
                           env={"PATH": "/usr/bin:/bin", "COLUMNS": "200"})
 
 
-def subcommands(text):
-    """The names below "Subcommands:"."""
-    _, _, behind = text.partition("\nSubcommands:\n")
-    return [line.split()[0] for line in behind.split("\n\n")[0].splitlines() if re.match(r"  [a-z]", line)]
-
-
-def helped(*words):
-    """All options that the help of the program, and of its subcommands, lists at the begin of a line."""
-    done = run(*words, "--help")
+def helped(program):
+    """All options that the help lists at the begin of a line."""
+    done = run(program, "--help")
     if done.returncode != 0:
-        sys.exit(f"{' '.join(words)} --help ends with {done.returncode}: {done.stdout}")
-    options = {option for line in done.stdout.splitlines() if re.match(r"  +-", line)
-               for option in OPTION.findall(line.strip().split("  ")[0])}
-    for name in subcommands(done.stdout):
-        options |= helped(*words, name)
-    return options
+        sys.exit(f"{program} --help ends with {done.returncode}: {done.stdout}")
+    return {option for line in done.stdout.splitlines() if re.match(r"  +-", line)
+            for option in OPTION.findall(line.strip().split("  ")[0])}
 
 
 def documented(page):
@@ -40,13 +31,12 @@ def documented(page):
 
 
 def completed(completion, program):
-    """What bash offers behind "program --", subcommands included."""
+    """What bash offers behind "program --"."""
     script = f'''
         source "{completion}"
-        offer() {{ COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); COMPREPLY=(); "_{program.replace("-", "_")}" "$1" "${{@: -1}}" \
-            "${{@: -2:1}}"; printf '%s\\n' "${{COMPREPLY[@]}}"; }}
-        offer {program} --
-        for name in $(offer {program} ""); do case $name in -*) ;; *) offer {program} "$name" -- ;; esac; done'''
+        COMP_WORDS=({program} --); COMP_CWORD=1
+        "_{program.replace("-", "_")}" {program} -- {program}
+        printf '%s\\n' "${{COMPREPLY[@]}}"'''
     done = run("bash", "--norc", "-c", script)
     if done.returncode != 0:
         sys.exit(f"{completion} does not run: {done.stdout}")
