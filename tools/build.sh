@@ -10,7 +10,7 @@ set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
 tree=$1
 shift
-[ $# -gt 0 ] || set -- usbservice css kipcmon kipcsend
+[ $# -gt 0 ] || set -- usbservice css kipcmon kipcsend usbservice-ports
 
 case $tree in
 native) options="-DUSB_TESTS=OFF" ;;

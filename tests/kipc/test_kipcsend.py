@@ -4,6 +4,7 @@ import os
 import signal
 import socket
 import stat
+import struct
 import time
 import unittest
 
@@ -365,19 +366,70 @@ class Shown(SendCase):
 
     def test_a_phone_that_is_named_by_its_port_needs_the_service(self):
         ended = self.send("-n", "sdcm", "carplay", "--port", 1, expect=UNREACHABLE)
-        self.assertEqual(ended.err, "kipcsend: the phone at port 1 cannot be asked from the service's "
+        self.assertEqual(ended.err, "kipcsend: the service does not tell which phone is at port 1: "
                                     f"{self.folder}/usb/status: No such file or directory\n")
 
-    def test_a_status_of_another_version_is_refused(self):
+
+class Status(SendCase):
+    """What is plugged in, as the service tells it. Records: head of kind, length and row; then the record."""
+    START = struct.pack("<IIQ", 1, 32, 0) + struct.pack("<IHHIIQQ", 0x5453534B, 1, 16, 7, 0, 0, 0)
+    VERSION = struct.pack("<IIQ", 3, 32, 0) + struct.pack("<24sQ", b"version", 1)
+    PHONE, KEYBOARD = 9, 12
+
+    @staticmethod
+    def end(count):
+        """So many records came before, without the start."""
+        return struct.pack("<IIQ", 2, 16, 0) + struct.pack("<IIQ", count, 0, 0)
+
+    @staticmethod
+    def device(port, dev_type, devpath=b"/d", serial=b"S"):
+        return struct.pack("<IIQ", 257, 332, 3) + struct.pack("<IHHB3x64s64s64s128s", dev_type, 0x4E8, 0x6860, port,
+                                                               serial, b"", b"", devpath)
+
+    def ask(self, *records, expect=DONE, words=("sdcm", "mirrorlink", "--port", 2)):
         one = listener(f"{self.folder}/usb/status")
-        self.addCleanup(one.close)
-        run = self.start("-n", "sdcm", "carplay", "--port", 1)
+        run = self.start("-n", "--json", *words)
         connection, _ = one.accept()
-        connection.send(bytes(48))
-        ended = run.end()
+        for record in records:
+            try:
+                connection.send(record)
+            except BrokenPipeError:
+                break       # it has what it wants
         connection.close()
-        self.assertEqual(ended.status, UNREACHABLE, ended)
-        self.assertIn("or in another version", ended.err)
+        one.close()
+        os.unlink(f"{self.folder}/usb/status")
+        ended = run.end()
+        self.assertEqual(ended.status, expect, ended)
+        return ended
+
+    def test_the_phone_at_the_port_is_asked_for(self):
+        ended = self.ask(self.START, self.VERSION, self.device(1, self.PHONE), self.device(2, self.KEYBOARD),
+                         self.device(2, self.PHONE, DEVPATH.encode(), b"R58M"), self.end(4))
+        self.assertEqual(bytes.fromhex(ended.objects[0]["hex"]),
+                         usbrecords.mode_request(13, **FIELDS | {"devid": ""}))
+
+    def test_what_was_given_is_not_replaced(self):
+        ended = self.ask(self.START, self.VERSION, self.device(2, self.PHONE), self.end(2),
+                         words=("sdcm", "reset", "--port", 2, "--vid", "18d1", "--pid", "2d00", "--devid", "me"))
+        self.assertEqual(bytes.fromhex(ended.objects[0]["hex"]),
+                         usbrecords.mode_request(17, port=2, vid=0x18D1, pid=0x2D00, serial="S", devpath="/d",
+                                                 devid="me"))
+
+    def test_without_a_phone_there_nothing_is_sent(self):
+        ended = self.ask(self.START, self.VERSION, self.device(1, self.PHONE), self.device(2, self.KEYBOARD), self.end(3),
+                         expect=USAGE)
+        self.assertEqual(ended.err, "kipcsend: no phone is plugged at port 2 (usbservice-ports shows what is)\n")
+
+    def test_what_is_no_whole_status_of_this_version_is_refused(self):
+        other = struct.pack("<IIQ", 3, 32, 0) + struct.pack("<24sQ", b"version", 2)
+        for records in ((self.START, other, self.end(1)), (self.START, self.VERSION), (b"x" * 48,), ()):
+            ended = self.ask(*records, expect=UNREACHABLE)
+            self.assertIn("kipcsend: the service does not tell which phone is at port 2: ", ended.err)
+
+    def test_a_text_without_an_end_is_refused(self):
+        ended = self.ask(self.START, self.VERSION, self.device(2, self.PHONE, serial=b"x" * 64), self.end(2),
+                         expect=UNREACHABLE)
+        self.assertIn("fits no request: serial cannot be", ended.err)
 
 
 if __name__ == "__main__":

@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <cstdlib>
 #include <deque>
 #include <memory>
@@ -13,6 +14,7 @@ namespace {
 
 const std::vector<std::string> kPeers = {"sdcm", "media", "diag", "power", "test", "settings"};
 constexpr std::size_t kHelpColumn = 32;
+constexpr double kMostSeconds = 3600;
 
 std::string RootFolder() {
     const char* folder = std::getenv("KIPC_DIR");
@@ -32,6 +34,14 @@ std::uint32_t SwitchValue(const std::string& value) {
 std::string IsSwitchValue(const std::string& value) {
     const bool is_number = value.size() == 1 && value[0] >= '0' && value[0] <= '9';
     return is_number || value == "on" || value == "off" ? "" : "'" + value + "' is not on, off or 0 to 9";
+}
+
+std::string IsSeconds(const std::string& value) {
+    double seconds = 0;
+    const char* const end = value.data() + value.size();
+    const auto [stop, error] = std::from_chars(value.data(), end, seconds);
+    const bool fits = error == std::errc() && stop == end && seconds >= 0 && seconds <= kMostSeconds;
+    return fits ? "" : "'" + value + "' is no number of seconds";
 }
 
 std::string SecondsOf(const Answer& answer) {
@@ -82,7 +92,7 @@ Parser::Parser() {
         .add_option("--timeout", m_timeout,
                     "How long to wait for the answer; 0: not at all; else the request's own")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.0, 3600.0).description(""));
+        ->check(CLI::Validator(IsSeconds, ""));
     m_app.add_flag("-v,--verbose", m_order.options.verbose, "Show what is sent, too");
     m_app.add_flag("-n,--dry-run", m_order.options.dry_run, "Show what would be sent, and send nothing");
     m_app.add_flag("--json", m_json, "One JSON object a line");

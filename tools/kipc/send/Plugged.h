@@ -18,6 +18,8 @@ public:
     bool WasReached() const { return m_reached; }
 
 private:
+    bool Fail(const std::string& problem);
+
     const std::string m_root;
     std::string m_problem;
     bool m_reached = false;

@@ -33,8 +33,14 @@ bool Complete(Order* order, int* result) {
         *result = plugged.WasReached() ? EXIT_USAGE : EXIT_UNREACHABLE;
         return false;
     }
-    order->request = AskForMode(*order->incomplete->mode, order->incomplete->phone);
-    return true;
+    try {
+        order->request = AskForMode(*order->incomplete->mode, order->incomplete->phone);
+        return true;
+    } catch (const BadValue& error) {
+        Complain("what the service tells of the phone fits no request: " + std::string(error.what()));
+        *result = EXIT_UNREACHABLE;
+        return false;
+    }
 }
 
 }  // namespace
