@@ -3,6 +3,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -10,6 +12,33 @@
 #include "Bench.h"
 #include "gmock/gmock.h"
 #include "platform/tap.h"
+
+namespace {
+
+// The writer thread is held up while it reads its wake-up, when a test wants it.
+std::atomic<bool> g_hold_writer{false};
+std::atomic<int> g_held{-1};  // the descriptor that it reads meanwhile
+constexpr std::chrono::milliseconds kHold{50};
+
+bool IsWriter() {
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    return std::strcmp(name, "kipc-writer") == 0;
+}
+
+}  // namespace
+
+extern "C" {
+ssize_t __real_read(int fd, void* bytes, std::size_t count);
+ssize_t __wrap_read(int fd, void* bytes, std::size_t count) {
+    const ssize_t result = __real_read(fd, bytes, count);
+    if (!g_hold_writer || !IsWriter()) return result;
+    g_held = fd;
+    std::this_thread::sleep_for(kHold);
+    g_held = -1;
+    return result;
+}
+}
 
 namespace {
 
@@ -242,6 +271,27 @@ TEST_F(Kipc, WhatWasSentBeforeTheEndStillArrives) {
     for (int i = 0; i < 100; ++i)
         ASSERT_EQ(media.Receive(), std::to_string(i));
     EXPECT_EQ(media.Receive(), "");  // the end
+}
+
+TEST_F(Kipc, EndsWhenItsWriterIsJustBeingWoken) {
+    Inbox media(PathOf("media"));
+    g_hold_writer = true;
+    Send(*interface, kMedia, "last");
+    ASSERT_TRUE(test::Eventually([] { return g_held >= 0; }));
+    const int held = g_held;
+    g_hold_writer = false;
+    std::atomic<bool> ended{false};
+    std::thread ending([&] {
+        interface.reset();
+        ended = true;
+    });
+    EXPECT_TRUE(test::Eventually([&] { return ended.load(); })) << "the writer sleeps, and is waited for";
+    const std::uint64_t one = 1;
+    if (!ended) {  // or this test would never end
+        EXPECT_EQ(write(held, &one, sizeof one), 8);
+    }
+    ending.join();
+    EXPECT_EQ(media.Receive(), "last");
 }
 
 TEST_F(Kipc, EndsWhileAReceiverIsStuck) {
