@@ -11,6 +11,7 @@ import signal
 import subprocess
 import sys
 import time
+import urllib.request
 
 from selenium import webdriver
 from selenium.common.exceptions import StaleElementReferenceException
@@ -58,10 +59,17 @@ class Console:
         found = subprocess.run(["ps", "-eo", "pid,ppid,args"], stdout=subprocess.PIPE, text=True, check=True).stdout
         return [line for line in found.splitlines()[1:] if int(line.split()[1]) == self.program.pid]
 
+    def do(self, action, **arguments):
+        """What a page asks, without a page."""
+        request = urllib.request.Request(f"{self.address}do/{action}", json.dumps(arguments).encode(),
+                                         {"Content-Type": "application/json"})
+        with urllib.request.urlopen(request, timeout=LIMIT) as answer:
+            return json.loads(answer.read())
+
     def end(self):
         """By Ctrl-C; what it has printed since, and how it ended."""
         if self.program.poll() is None:
-            self.program.send_signal(signal.SIGINT)
+            os.killpg(self.program.pid, signal.SIGINT)      # to all, as a terminal does
         try:
             text, _ = self.program.communicate(timeout=LIMIT)
         except subprocess.TimeoutExpired:
@@ -80,7 +88,12 @@ class Page:
         options.set_capability("goog:loggingPrefs", {"browser": "ALL", "performance": "ALL"})
         self.driver = webdriver.Chrome(options=options,
                                        service=webdriver.chrome.service.Service("/usr/bin/chromedriver"))
-        self.driver.get(address)
+        self.address = address
+        self.open()
+
+    def open(self):
+        """Anew, as whoever comes to it."""
+        self.driver.get(self.address)
 
     def close(self):
         self.driver.quit()
@@ -164,6 +177,9 @@ class Page:
         self.driver.execute_script("arguments[0].closest('details').open = true", self.one(form))
         self.fill(form, fields)
         self.press(f"{form} button.main")
+
+    def choose(self, select, label):
+        Select(self.one(select)).select_by_visible_text(label)
 
     def fill(self, form, fields):
         for name, value in fields.items():

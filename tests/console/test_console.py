@@ -27,6 +27,7 @@ class OnThePage(unittest.TestCase):
         cls.is_fresh = True
 
     def setUp(self):
+        self.page.open()
         self.page.wait_text("#service", "Service runs")
         if not self.is_fresh:
             self.page.press("[data-what='reset']")
@@ -137,13 +138,14 @@ class OnThePage(unittest.TestCase):
         page.ask("mode", vid="many")
         page.wait_text("form[data-request='mode'] .said", "Vendor: 'many' is no number")
         page.press("[data-plug='1.1']")
+        page.choose("#plug-kind", "Phone: android")
         page.fill("#plug", {"answer protocol": "perhaps"})
         page.press("#plug button.main")
-        page.wait_text("#plug .said", "perhaps")
+        page.wait_text("#plug .said", 'answer: must be "ok", "stall", "never" or bytes')
         self.assertTrue(page.one("#plug").is_displayed())
         page.press("#plug-cancel")
-        self.forget_refusals()
         page.plug("1.1", "keyboard")
+        self.forget_refusals()
 
     def forget_refusals(self):
         """The browser notes answers that are errors; others would be faults of the page."""
@@ -156,17 +158,18 @@ class OnThePage(unittest.TestCase):
         page = self.page
         page.press("#pause")
         before = page.records()
-        page.ask("search", )
+        page.ask("search")
         page.wait_text("form[data-request='search'] .said", "done")
         until(lambda: "+ 1" in page.text("#tab-record"), "a record that waits")
         self.assertEqual(page.records(), before)
         page.press("#pause")
         page.wait_record("sdcm → usb", "search")
         self.assertEqual(len(page.records()), len(before) + 1)
-        page.one("#direction").send_keys("to the service")
-        until(lambda: len(page.records()) == 1, "only what was sent")
-        page.one("#direction").send_keys("both")
-        page.wait_record("scan end")
+        page.choose("#direction", "to the service")
+        until(lambda: not any(line.startswith("usb") for line in page.records()), "only what was sent")
+        page.wait_record("sdcm → usb", "search")
+        page.choose("#direction", "both")
+        self.assertEqual(len(page.records()), len(before) + 1)
 
     def test_the_service_and_the_unit_are_stopped_and_started(self):
         page = self.page
@@ -205,9 +208,12 @@ class Ending(unittest.TestCase):
         with tempfile.TemporaryDirectory(prefix="console-test-") as folder:
             console = Console(folder)
             self.addCleanup(console.end)
-            until(console.processes, "the machine")
+            console.do("plug", kind="phone android", place="1.2")
+            console.do("plug", kind="vfat", place="1.1")
             started = console.processes()
-            self.assertTrue(any("qemu-system-aarch64" in line for line in started), started)
+            for name in ("qemu-system-aarch64", "headunit_phone"):
+                self.assertTrue(any(name in line for line in started), started)
+            self.assertNotEqual(list(pathlib.Path(folder).iterdir()), [])
             text, code = console.end()
             self.assertEqual((text, code), ("ending the head unit\n", 0))
             alive = {line.split()[0] for line in started} & set(running())

@@ -2,13 +2,14 @@
 """What is asked of the console's side of the unit, with a unit that only remembers."""
 import pathlib
 import threading
+import time
 import unittest
 
 import paths  # noqa: F401
 import usbrecords
 from console.feed import Feed
 from console.forms import WrongInput
-from console.head import KEEP, Failed, Head
+from console.head import KEEP, LOOK, Failed, Head
 from headunit import HeadUnitError
 from test_parts import port, snapshot, tap
 
@@ -23,6 +24,7 @@ class FakeUnit:
         self.called = []
         self.boot_seconds = 1.0
         self.threads = set()
+        self.closing = 0        # seconds that it takes
 
     def __enter__(self):
         if FakeUnit.boot_fails:
@@ -32,6 +34,7 @@ class FakeUnit:
 
     def close(self):
         self._remember("close")
+        time.sleep(self.closing)
         self.listener("over", "")
 
     def sh(self, command):
@@ -194,11 +197,13 @@ class TheHead(unittest.TestCase):
 
     def test_a_restart_boots_another_unit_with_nothing_plugged_in(self):
         first = FakeUnit.last
+        first.closing = 2 * LOOK    # so that it is looked at meanwhile
         self.plug("1.1")
         self.head.do("unit", {"what": "restart"})
         self.assertIsNot(FakeUnit.last, first)
         self.assertEqual(first.called[-1], ("close",))
         self.assertEqual((self.standing("unit")["state"], self.places()), ("running", []))
+        self.wait(lambda: self.standing("ports").get("2", {}).get("state") == "STATE_AA")
 
     def test_a_machine_that_dies_is_told_and_can_be_restarted(self):
         FakeUnit.last.listener("over", "")

@@ -399,7 +399,7 @@ class Head:
     def _ask_status(self):
         unit, now = self._unit, time.monotonic()
         with self._lock:
-            if not self._runs or self._asked is not None and now - self._asked < STATUS_LIMIT:
+            if not unit or not self._runs or self._asked is not None and now - self._asked < STATUS_LIMIT:
                 return
             if not self._has_news and now - self._last_asked < IDLE_LOOK:
                 return

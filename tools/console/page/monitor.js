@@ -20,8 +20,9 @@ export function setUp() {
   tabs.setUp((name) => lists[name] && settle(name));
   find("#pause").addEventListener("click", pause);
   find("#clear").addEventListener("click", clear);
-  for (const id of ["filter", "direction", "process", "port", "all-transfers"])
-    find(`#${id}`).addEventListener("input", () => NAMES.forEach(refilter));
+  find("#filter").addEventListener("input", () => NAMES.forEach(refilter));
+  for (const id of ["direction", "process", "port", "all-transfers"])
+    find(`#${id}`).addEventListener("change", () => NAMES.forEach(refilter));
 }
 
 // ---- what comes ----
