@@ -1,5 +1,6 @@
 // Inserts a child of one of the list's nodes, finds it and removes it, while NODES others are in the list:
-//   perf_list usb|net NODES
+//   perf_list usb|net NODES [aged]
+// aged: nodes with paths between the parent's and the child's came and went before.
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -28,10 +29,23 @@ void InsertFindRemove(long number) {
     list->RemoveNode(path);
 }
 
+// Each prefix of the paths that is longer than the parent.
+void Age() {
+    for (const std::string& path : come_and_go) {
+        const std::size_t parent = path.rfind('/', path.rfind(':'));
+        for (std::size_t length = parent; length < path.size(); ++length) {
+            const std::string prefix = path.substr(0, length);
+            if (list->FindNode(prefix.c_str())) continue;
+            list->InsertNode(subsystem, prefix.c_str(), nullptr);
+            list->RemoveNode(prefix.c_str());
+        }
+    }
+}
+
 }  // namespace
 
 int main(int count, char** arguments) {
-    if (count != 3) return EXIT_FAILURE;
+    if (count != 3 && !(count == 4 && std::strcmp(arguments[3], "aged") == 0)) return EXIT_FAILURE;
     subsystem = std::strcmp(arguments[1], "usb") == 0 ? SUBSYSTEM_USB : SUBSYSTEM_NET;
     const std::size_t nodes = std::strtoul(arguments[2], nullptr, 10);
     ka_log_threshold = kLogThreshold;
@@ -41,6 +55,7 @@ int main(int count, char** arguments) {
         list->InsertNode(subsystem, path.c_str(), nullptr);
     for (std::size_t at = 0; come_and_go.size() < kPaths; at = (at + kStep) % nodes)
         come_and_go.push_back(bench::FurtherChild(tree[at]));
+    if (count == 4) Age();
     bench::WarmUpAndMeasure(InsertFindRemove);
     return list->GetSize() == nodes ? EXIT_SUCCESS : EXIT_FAILURE;
 }
