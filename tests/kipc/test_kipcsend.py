@@ -8,8 +8,7 @@ import struct
 import time
 import unittest
 
-from sending import (DONE, NO_ANSWER, REFUSED, UNHEARD, UNREACHABLE, USAGE, SendCase, connect, listener,  # noqa: F401
-                     usbrecords)
+from sending import (DONE, NO_ANSWER, REFUSED, UNHEARD, UNREACHABLE, USAGE, SendCase, connect, listener, usbrecords)
 
 DEVPATH = "/devices/platform/17300000.usb/xhci-hcd.4.auto/usb1/1-1/1-1.2"
 PHONE = ("--port", 2, "--vid", "04e8", "--pid", "6860", "--serial", "R58M", "--devpath", DEVPATH, "--devid", "phone-1")
@@ -51,7 +50,8 @@ class Answered(SendCase):
                     fake = self.answering("sdcm", result(answer, value))
                     ended = self.quickly("sdcm", name, *PHONE, expect=status)
                     self.assertEqual(fake.received, [usbrecords.mode_request(request, **FIELDS)])
-                    self.assertEqual(ended.lines, [f"usb -> sdcm  {usbrecords.parse('mode_result', result(answer, value))}"])
+                    told = usbrecords.parse("mode_result", result(answer, value))
+                    self.assertEqual(ended.lines, [f"usb -> sdcm  {told}"])
                     self.assertEqual(ended.err, "")
                     fake.die()
                     os.unlink(f"{self.folder}/usb/sdcm")
@@ -211,8 +211,8 @@ class Unanswered(SendCase):
 class Broken(SendCase):
     def test_without_a_service_nothing_is_made(self):
         ended = self.send("sdcm", "search", expect=UNREACHABLE)
-        self.assertEqual(ended.err, f"kipcsend: there is no socket {self.folder}/usb/sdcm: the service does not run, or "
-                                    "has another folder (KIPC_DIR)\n")
+        self.assertEqual(ended.err, f"kipcsend: there is no socket {self.folder}/usb/sdcm: the service does not run, "
+                                    "or has another folder (KIPC_DIR)\n")
         self.assertEqual(os.listdir(self.folder), [])
 
     def test_a_socket_of_a_former_run_is_no_service(self):
@@ -416,8 +416,8 @@ class Status(SendCase):
                                                  devid="me"))
 
     def test_without_a_phone_there_nothing_is_sent(self):
-        ended = self.ask(self.START, self.VERSION, self.device(1, self.PHONE), self.device(2, self.KEYBOARD), self.end(3),
-                         expect=USAGE)
+        ended = self.ask(self.START, self.VERSION, self.device(1, self.PHONE), self.device(2, self.KEYBOARD),
+                         self.end(3), expect=USAGE)
         self.assertEqual(ended.err, "kipcsend: no phone is plugged at port 2 (usbservice-ports shows what is)\n")
 
     def test_what_is_no_whole_status_of_this_version_is_refused(self):
