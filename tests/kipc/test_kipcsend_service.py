@@ -1,7 +1,6 @@
 #!/usr/bin/python3
 """kipcsend before the real service, which runs in a world of its own. Needs root."""
 import json
-import os
 import pathlib
 import signal
 import struct
