@@ -49,11 +49,12 @@ def load_values(found):
     values, spread = {}, {}
     rounds = found["rounds"]
     for key, name in (("batch_ns", "batch"), ("full_ns", "full")):
-        for program in ("usbservice", "floor"):
+        for program in ("usbservice", "floor", "threaded"):
             values[f"load/{name}/{program}"] = statistics.median(one[program][key] for one in rounds) / 1000
-        ratios = [one["usbservice"][key] / one["floor"][key] for one in rounds]
-        values[f"load/{name}/ratio"] = statistics.median(ratios)
-        spread[f"load/{name}/ratio"] = [min(ratios), max(ratios)]
+        for program, ratio in (("usbservice", "ratio"), ("threaded", "threaded_ratio")):
+            ratios = [one[program][key] / one["floor"][key] for one in rounds]
+            values[f"load/{name}/{ratio}"] = statistics.median(ratios)
+            spread[f"load/{name}/{ratio}"] = [min(ratios), max(ratios)]
     # The socket takes some 29,000 events, which come in 40 ms: a round in which others took the processor from the
     # reader for so long loses some. Such rounds are shown, but do not count.
     for program in ("usbservice", "floor"):

@@ -1,5 +1,8 @@
 // The least that a reader of uevents costs that waits for each message in select and takes it into a cleared
 // buffer: the service's reader without its work.
+//
+//   bench_floor [threads]      threads: beside a thread that sleeps, for which kernel and C library take more
+//   care
 #include <linux/netlink.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -7,6 +10,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <thread>
 
 namespace {
 
@@ -30,7 +34,13 @@ int Open() {
 
 }  // namespace
 
-int main() {
+int main(int count, char**) {
+    if (count > 1) {
+        std::thread([] {
+            for (;;)
+                pause();
+        }).detach();
+    }
     const int fd = Open();
     if (fd < 0) {
         std::perror("uevent socket");

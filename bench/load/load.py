@@ -27,6 +27,7 @@ from harness import board, peers, uevents, volumes, world  # noqa: E402
 PROGRAMS = {"usbservice": "usbservice/usbservice", "floor": "bench/load/bench_floor",
             "inject": "bench/load/bench_inject", "enumerate": "bench/load/bench_enumerate",
             "read": "bench/load/bench_read", "stamp": "bench/load/bench_stamp"}
+COMMANDS = {"threaded": [world.BENCH + "/bin/floor", "threads"]}
 KOBJECT_UEVENT = 15
 KERNEL_EVENTS = 1           # multicast group
 ENVIRONMENT = {"PATH": "/usr/bin:/usr/sbin:/bin:/sbin", "SYSTEMD_DEVICE_VERIFY_SYSFS": "0"}
@@ -436,8 +437,8 @@ def measure(counts, made):
                          "batch": counts.events, "full_speed": counts.full},
               "rounds": [], "starts": [], "enumerations": [], "peers": {}, "missing_peers": missing}
     for number in range(counts.rounds):
-        order = ["floor", "usbservice"] if number % 2 == 0 else ["usbservice", "floor"]
-        one = {name: load.round(name, batches=counts.batches) for name in order}
+        order = ["floor", "usbservice", "threaded"] if number % 2 == 0 else ["threaded", "usbservice", "floor"]
+        one = {name: load.round(name, COMMANDS.get(name), counts.batches) for name in order}
         result["rounds"].append(one)
         tell(f"round {number + 1}: " + ", ".join(
             f"{name} {one[name]['batch_ns'] / 1000:.2f} µs an event, {one[name]['lost']} lost" for name in one))
