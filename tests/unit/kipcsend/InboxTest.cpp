@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 
 #include "ServiceSocket.h"
 
@@ -147,6 +149,31 @@ TEST_F(AnInbox, OfASecondOneOfUsIsTheFirstOnes) {
     Inbox first(m_root, "sdcm"), second(m_root, "sdcm");
     EXPECT_EQ(first.Open(), Inbox::OURS);
     EXPECT_EQ(second.Open(), Inbox::THEIRS);
+}
+
+TEST_F(AnInbox, IsNotLookedAtWhileAnotherOneOfUsDoes) {
+    MakeInboxFolder();
+    Inbox inbox(m_root, "sdcm");
+    Descriptor other(open((m_root + "/sdcm").c_str(), O_RDONLY | O_DIRECTORY));
+    ASSERT_EQ(flock(other.Get(), LOCK_EX), 0);
+    auto opening = std::async(std::launch::async, [&] { return inbox.Open(); });
+    EXPECT_EQ(opening.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    EXPECT_FALSE(fs::exists(InboxPath()));
+    other = Descriptor();
+    EXPECT_EQ(opening.get(), Inbox::OURS);
+}
+
+TEST_F(AnInbox, TakesNoMoreConnectionsThanAServiceMayNeed) {
+    Inbox inbox(m_root, "sdcm");
+    ASSERT_EQ(inbox.Open(), Inbox::OURS);
+    std::vector<Descriptor> crowd(17);
+    for (Descriptor& one : crowd) {
+        ASSERT_EQ(ConnectTo(InboxPath(), &one), 0);
+        ReceiveAll(inbox);
+    }
+    char byte;
+    EXPECT_EQ(recv(crowd[15].Get(), &byte, 1, MSG_DONTWAIT), -1);  // it stays
+    EXPECT_EQ(recv(crowd[16].Get(), &byte, 1, MSG_DONTWAIT), 0);   // turned away
 }
 
 TEST_F(AnInbox, WithAStreamSocketInItsPlaceIsSomebodyElses) {
