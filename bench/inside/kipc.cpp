@@ -23,7 +23,8 @@ constexpr std::array<const char*, 6> kReceivers = {"voltage", "media", "navi", "
 constexpr unsigned long kAll =
     0x200 | 0x800000 | 0x2000000 | 0x4000000000 | 0x40000000000 | 0x0800000000000000;
 constexpr unsigned kRecordBytes = 360;
-constexpr unsigned long kBurst = 50;  // below what a receiver's backlog takes
+constexpr int kOne = 1;
+constexpr int kBurst = 50;  // below what a receiver's backlog takes
 
 double ThreadSeconds() {
     timespec now{};
@@ -103,19 +104,26 @@ private:
     std::thread m_thread;
 };
 
-// Sends in bursts, each when the one before was read; the time is the sender's own processor time by record.
+// Sends one, or a burst, when what was sent before is read; the time is the sender's own processor time by
+// record.
 template <typename SendOne>
 void Bursts(benchmark::State& state, const Receivers& receivers, unsigned long sent_before,
             SendOne send_one) {
+    const auto burst = static_cast<unsigned long>(state.range(0));
     unsigned long sent = sent_before;
     for (auto _ : state) {
         const double begin = ThreadSeconds();
-        for (unsigned long i = 0; i < kBurst; ++i)
+        for (unsigned long i = 0; i < burst; ++i)
             send_one();
-        state.SetIterationTime((ThreadSeconds() - begin) / kBurst);
-        sent += kBurst;
+        state.SetIterationTime((ThreadSeconds() - begin) / static_cast<double>(burst));
+        sent += burst;
         receivers.WaitFor(sent * receivers.Reading());
     }
+}
+
+void OneAndBurst(benchmark::internal::Benchmark* benchmark) {
+    benchmark->ArgName("records")->Arg(kOne)->Arg(kBurst);
+    benchmark->UseManualTime()->Iterations(500)->Repetitions(9)->ReportAggregatesOnly();
 }
 
 void BareSends(benchmark::State& state) {
@@ -135,7 +143,7 @@ void BareSends(benchmark::State& state) {
     for (int fd : sockets)
         close(fd);
 }
-BENCHMARK(BareSends)->Name("kipc/six_bare_sends")->UseManualTime()->Iterations(1000);
+BENCHMARK(BareSends)->Name("kipc/six_bare_sends")->Apply(OneAndBurst);
 
 void SixReceivers(benchmark::State& state, Receivers::E_FIRST first) {
     Receivers receivers(first);
@@ -144,7 +152,7 @@ void SixReceivers(benchmark::State& state, Receivers::E_FIRST first) {
     // The one that stopped is as far behind as it may be, before the clock runs.
     unsigned long sent = 0;
     for (; sent < 1000; sent += kBurst) {
-        for (unsigned long i = 0; i < kBurst; ++i)
+        for (int i = 0; i < kBurst; ++i)
             interface.send_pkt(kAll, sizeof bytes, bytes);
         receivers.WaitFor((sent + kBurst) * receivers.Reading());
     }
@@ -152,11 +160,9 @@ void SixReceivers(benchmark::State& state, Receivers::E_FIRST first) {
 }
 BENCHMARK_CAPTURE(SixReceivers, six, Receivers::READS)
     ->Name("kipc/six_receivers/all_read")
-    ->UseManualTime()
-    ->Iterations(1000);
+    ->Apply(OneAndBurst);
 BENCHMARK_CAPTURE(SixReceivers, stopped, Receivers::STOPPED)
     ->Name("kipc/six_receivers/one_stopped")
-    ->UseManualTime()
-    ->Iterations(1000);
+    ->Apply(OneAndBurst);
 
 }  // namespace

@@ -114,13 +114,23 @@ void PlainFour(benchmark::State& state) {
     PlainRing queue;
     FourProducers(state, queue);
 }
-BENCHMARK(PlainFour)->Name("message/plain_ring/four_producers")->UseManualTime()->Iterations(40);
+BENCHMARK(PlainFour)
+    ->Name("message/plain_ring/four_producers")
+    ->UseManualTime()
+    ->Iterations(10)
+    ->Repetitions(9)
+    ->ReportAggregatesOnly();
 
 void MessageFour(benchmark::State& state) {
     frame::Message queue("bench");
     FourProducers(state, queue);
     state.counters["dropped"] = static_cast<double>(queue.dropped());
 }
-BENCHMARK(MessageFour)->Name("message/queue/four_producers")->UseManualTime()->Iterations(40);
+BENCHMARK(MessageFour)
+    ->Name("message/queue/four_producers")
+    ->UseManualTime()
+    ->Iterations(10)
+    ->Repetitions(9)
+    ->ReportAggregatesOnly();
 
 }  // namespace
