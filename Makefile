@@ -1,12 +1,14 @@
 # What people type. Each target installs what it needs and is missing, and can be run again at any time.
-.PHONY: help build test demo bench install clean
+.PHONY: help build test demo console bench install clean
 .DEFAULT_GOAL := help
 
 LABEL ?=
 PEERS ?=
+PORT ?= 8765
 
 help:
 	@echo "make demo              boot the virtual head unit, plug two sticks, show what the service tells whom"
+	@echo "make console           the virtual head unit on a local web page (PORT=8765): plug, ask, watch"
 	@echo "make test              build everything and run all tests"
 	@echo "make test LABEL=unit   only the unit tests (no root); also: service, vm, asan, tsan, perf, fuzz"
 	@echo "make build             build the service for this machine: build/native/usbservice/usbservice"
@@ -24,6 +26,9 @@ test:
 
 demo:
 	@tools/demo.sh
+
+console:
+	@tools/console.sh $(PORT)
 
 bench:
 	@tools/install-packages.sh build bench
