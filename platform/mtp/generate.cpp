@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -14,10 +16,10 @@ auto Ids(const LIBMTP_device_entry_t& row) {
     return std::make_tuple(row.vendor_id, row.product_id);
 }
 
-void PrintText(const char* text) {
+void PrintText(const std::string& text) {
     std::putchar('"');
-    for (; text && *text; ++text) {
-        const auto byte = static_cast<unsigned char>(*text);
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
         if (byte < 0x20 || byte >= 0x7F || byte == '"' || byte == '\\' || byte == '?')
             std::printf("\\%03o", byte);
         else
@@ -25,6 +27,24 @@ void PrintText(const char* text) {
     }
     std::putchar('"');
 }
+
+// All texts behind each other, each once and with its NUL.
+class Texts {
+public:
+    std::size_t Place(const char* text) {
+        const auto [known, is_new] = m_places.try_emplace(text ? text : "", m_end);
+        if (!is_new) return known->second;
+        m_order.push_back(known->first);
+        m_end += known->first.size() + 1;
+        return known->second;
+    }
+    const std::vector<std::string>& order() const { return m_order; }
+
+private:
+    std::map<std::string, std::size_t> m_places;
+    std::vector<std::string> m_order;
+    std::size_t m_end = 0;
+};
 
 }  // namespace
 
@@ -44,13 +64,19 @@ int main() {
     std::printf(
         "// Made by the generator of the MTP table from libmtp's device list.\n#include \"Table.h\"\n\n"
         "namespace mtp {\n\nconst Row kRows[] = {\n");
+    Texts texts;
     for (const LIBMTP_device_entry_t& row : rows) {
-        std::printf("    {0x%04x, 0x%04x, ", row.vendor_id, row.product_id);
-        PrintText(row.vendor);
-        std::printf(", ");
-        PrintText(row.product);
-        std::printf(", 0x%08x},\n", row.device_flags);
+        const std::size_t vendor = texts.Place(row.vendor);
+        const std::size_t product = texts.Place(row.product);
+        std::printf("    {0x%04x, 0x%04x, %zu, %zu, 0x%08x},\n", row.vendor_id, row.product_id, vendor,
+                    product, row.device_flags);
     }
-    std::printf("};\n\nconst std::size_t kRowCount = %zu;\n\n}  // namespace mtp\n", rows.size());
+    std::printf("};\n\nconst std::size_t kRowCount = %zu;\n\nconst char kTexts[] =\n", rows.size());
+    for (const std::string& text : texts.order()) {
+        std::printf("    ");
+        PrintText(text);
+        std::printf(" \"\\0\"\n");
+    }
+    std::printf("    ;\n\n}  // namespace mtp\n");
     return std::fflush(stdout) == 0 && !std::ferror(stdout) ? 0 : 1;
 }

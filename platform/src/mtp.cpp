@@ -14,8 +14,8 @@ extern "C" int get_vendor_product_flag(unsigned short vendor_id, unsigned short 
     const mtp::Row* const end = mtp::kRows + mtp::kRowCount;
     const mtp::Row* row = std::lower_bound(mtp::kRows, end, std::make_tuple(vendor_id, product_id), before);
     if (row == end || row->vendor_id != vendor_id || row->product_id != product_id) return -1;
-    if (vendor_name) *vendor_name = row->vendor;
-    if (product_name) *product_name = row->product;
+    if (vendor_name) *vendor_name = mtp::kTexts + row->vendor;
+    if (product_name) *product_name = mtp::kTexts + row->product;
     if (flags) *flags = row->flags;
     return 0;
 }

@@ -22,8 +22,8 @@ TEST(MtpTable, EveryRowIsFoundWithItsNamesAndFlags) {
         unsigned int flags = ~kRows[i].flags;
         ASSERT_EQ(get_vendor_product_flag(kRows[i].vendor_id, kRows[i].product_id, &vendor, &product, &flags),
                   0);
-        ASSERT_STREQ(vendor, kRows[i].vendor);
-        ASSERT_STREQ(product, kRows[i].product);
+        ASSERT_STREQ(vendor, kTexts + kRows[i].vendor);
+        ASSERT_STREQ(product, kTexts + kRows[i].product);
         ASSERT_EQ(flags, kRows[i].flags);
         ASSERT_NE(vendor, nullptr);
         ASSERT_NE(product, nullptr);
@@ -31,7 +31,11 @@ TEST(MtpTable, EveryRowIsFoundWithItsNamesAndFlags) {
 }
 
 TEST(MtpTable, KnowsAPhoneThatSpeaksMtpOnly) {
-    EXPECT_EQ(get_vendor_product_flag(0x18d1, 0x4ee1, nullptr, nullptr, nullptr), 0);
+    const char* vendor = nullptr;
+    const char* product = nullptr;
+    ASSERT_EQ(get_vendor_product_flag(0x18d1, 0x4ee1, &vendor, &product, nullptr), 0);
+    EXPECT_EQ(std::string(vendor).substr(0, 6), "Google");
+    EXPECT_NE(std::string(product).find("Nexus"), std::string::npos) << product;
 }
 
 TEST(MtpTable, UnknownDeviceSetsNothing) {
@@ -53,7 +57,7 @@ TEST(MtpTable, NullOutPointersAreLeftOut) {
     const char* product = nullptr;
     EXPECT_EQ(get_vendor_product_flag(kRows[0].vendor_id, kRows[0].product_id, nullptr, &product, nullptr),
               0);
-    EXPECT_STREQ(product, kRows[0].product);
+    EXPECT_STREQ(product, kTexts + kRows[0].product);
     EXPECT_EQ(get_vendor_product_flag(kRows[0].vendor_id, kRows[0].product_id, nullptr, nullptr, nullptr), 0);
 }
 
