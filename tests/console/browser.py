@@ -20,7 +20,7 @@ from selenium.webdriver.support.ui import Select
 
 from paths import ROOT
 
-LIMIT = 45      # seconds for anything that must come; a busy machine takes long for a boot
+LIMIT = 60      # seconds for anything that must come; a busy machine takes long for a boot
 
 
 def until(check, what, limit=LIMIT):

@@ -297,7 +297,8 @@ class PhonesEvents(unittest.TestCase):
         event = words.phone_event("transfer 40 34 0 0 416e64726f696400 ok")
         self.assertEqual((event["kind"], event["said"], event["answer"]),
                          ("vendor", 'the manufacturer is "Android"', "ok"))
-        self.assertEqual(words.phone_event("transfer c0 33 0 0 - 0200")["said"], "which accessory protocol do you speak?")
+        self.assertEqual(words.phone_event("transfer c0 33 0 0 - 0200")["said"],
+                         "which accessory protocol do you speak?")
 
     def test_a_request_of_a_driver_is_told_apart(self):
         self.assertEqual(words.phone_event("transfer 21 a 0 0 - ok")["kind"], "class")

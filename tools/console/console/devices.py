@@ -4,7 +4,8 @@ import itertools
 import tomllib
 from typing import Callable
 
-from headunit import (CardReader, Device, Hub, Keyboard, Mtp, NetworkAdapter, Phone, SerialAdapter, Sound, Stick, sticks)
+from headunit import (CardReader, Device, Hub, Keyboard, Mtp, NetworkAdapter, Phone, SerialAdapter, Sound, Stick,
+                      sticks)
 from headunit.phones import DESCRIPTIONS
 
 from .forms import Field
@@ -104,7 +105,7 @@ def _plain(make):
 
 
 OTHERS = [
-    Kind("card_reader", "Storage", "Card reader", "its card can be changed while it is plugged in",
+    Kind("card_reader", "Storage", "Card reader", "a card put into an empty one is mounted; the change of a mounted one is not noticed",
          (Field("card", "Card inside", "choice", "yes", (("yes", "yes"), ("no", "no"))), serial("READER"), IDS), _card),
     Kind("hub", "Other devices", "Hub", f"a customer's, with {HUB_PORTS} ports", (serial("HUB"),),
          lambda values, folder: Hub(HUB_PORTS, serial=values["serial"])),
@@ -123,6 +124,7 @@ OTHERS = [
 
 # --- phones: whatever is described ---
 
+IDENTITY = (("vid", "Vendor"), ("pid", "Product id"))
 TEXTS = (("product", "Product"), ("manufacturer", "Manufacturer"), ("serial", "Serial"))
 
 
@@ -142,10 +144,10 @@ def _phone_fields(told):
     fields = [Field("starts", "Comes as", "choice", told.get("starts", modes[0]), tuple((one, one) for one in modes))]
     fields += [Field(key, text, default=told.get(key, ""), most=MOST_TEXT) for key, text in TEXTS]
     fields += [Field(key, text, "number", f"{told[key]:#06x}", high=0xFFFF, advanced=True,
-                     hint="of modes that do not say it themselves") for key, text in (("vid", "Vendor"), ("pid", "Product id"))]
+                     hint="of modes that do not say it themselves") for key, text in IDENTITY]
     if "returns" in told:
         fields.append(Field("returns", "Returns", default=_joined(told["returns"]), advanced=True,
-                            hint="after a switch, one after another: a mode, \"accessory after 200\" (ms), stays, never"))
+                            hint="after a switch, one after another: a mode, accessory after 200 (ms), stays, never"))
     fields += [Field(f"answer {name}", f"Answer: {name}", default=_joined(answer["answer"]), advanced=True,
                      hint="ok, stall, never, or bytes like 02 00; several are given one after another")
                for name, answer in told.get("answers", {}).items()]

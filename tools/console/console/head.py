@@ -321,7 +321,8 @@ class Head:
         try:
             hear(rest)
         except status.NotUnderstood as error:
-            self._feed.put("log", words.console_entry(f"not understood: {error}; is the unit's image of these sources?"))
+            self._feed.put("log", words.console_entry(
+                f"not understood: {error}; is the unit's image of these sources?"))
 
     def _hear_tap(self, rest):
         head, data = status.decode_tap(bytes.fromhex(rest))

@@ -34,13 +34,14 @@ function boxOf(state) {
   const {x, y} = cornerOf(state);
   const text = draw("text", {x: x + BOX.width / 2, y: y + BOX.height / 2}, short(state.name));
   return draw("g", {class: state.never ? "state never" : "state", "data-state": state.name},
-    draw("title", {}, document.createTextNode(state.never ? `${state.name}: never entered` : state.name)),
+    draw("title", {}, state.never ? `${state.name}: never entered` : state.name),
     draw("rect", {x, y, width: BOX.width, height: BOX.height, rx: 6}), text);
 }
 
 function addWay(ways, from, to, when) {
-  const path = draw("path", {d: curve(stateOf(from), stateOf(to)), "data-from": from, "data-to": to,
-    "marker-end": "url(#arrow)"}, draw("title", {}, document.createTextNode(`${from} → ${to}: ${when}`)));
+  const isBack = stateOf(to).column < stateOf(from).column;
+  const path = draw("path", {class: isBack ? "back" : "", d: curve(stateOf(from), stateOf(to)), "data-from": from,
+    "data-to": to, "marker-end": "url(#arrow)"}, draw("title", {}, `${from} → ${to}: ${when}`));
   ways.append(path);
   return path;
 }

@@ -135,9 +135,10 @@ const timeOf = (data) => make("time", {}, data.time.toFixed(3));
 function recordLine(data) {
   const fields = data.fields.filter((field) => field.shown).map((field) => make("span", {className: "value"},
     make("i", {}, `${field.name}=`), field.name === "devpath" ? shortPath(field.said) : field.said, " "));
-  const faults = [...data.faults, ...data.outcome === "delivered" ? [] : [data.outcome]].map((fault) => make("em", {className: "fault"}, ` ${fault}`));
+  const faults = data.outcome === "delivered" ? data.faults : [...data.faults, data.outcome];
   const summary = make("summary", {}, timeOf(data), make("span", {className: "who"}, whoOf(data)),
-    make("b", {}, data.name ?? "unknown"), make("span", {className: "values"}, ...fields, ...faults));
+    make("b", {}, data.name ?? "unknown"), make("span", {className: "values"}, ...fields,
+      ...faults.map((fault) => make("em", {className: "fault"}, ` ${fault}`))));
   const details = make("details", {className: `line record ${data.direction}`}, summary);
   details.addEventListener("toggle", () => {
     if (details.open && details.childElementCount === 1) details.append(insideOf(data));
@@ -177,8 +178,10 @@ function hexDump(hex) {
 
 const SERIOUS = new Map([[160, "refused"], [192, "failed"]]);
 
-const logLine = (data) => make("div", {className: `line log ${data.source} ${SERIOUS.get(data.level) ?? ""}`, title: data.from},
-  timeOf(data), make("span", {className: "who"}, data.source === "board" ? "board" : data.from.split(" ")[0]),
+// The service's lines are named by their thread, others by who wrote them.
+const logLine = (data) => make("div",
+  {className: `line log ${data.source} ${SERIOUS.get(data.level) ?? ""}`, title: data.from}, timeOf(data),
+  make("span", {className: "who"}, data.from.split(" ")[0] || data.source),
   make("span", {className: "text"}, data.text));
 
 function phoneLine(data) {
@@ -186,8 +189,8 @@ function phoneLine(data) {
     make("span", {className: "who"}, data.label));
   if (data.request) {
     const brought = data.data ? ` data ${data.data}` : "";
-    line.append(make("code", {}, `${data.type} request ${data.request} value ${data.value} index ${data.index}${brought}`),
-      make("span", {className: "answer"}, `answers ${data.answer}`));
+    const setup = `${data.type} request ${data.request} value ${data.value} index ${data.index}${brought}`;
+    line.append(make("code", {}, setup), make("span", {className: "answer"}, `answers ${data.answer}`));
   }
   line.append(make("span", {className: "text"}, data.said));
   return line;

@@ -58,9 +58,10 @@ function machineOf(number) {
     device: make("span", {className: "device"}),
     trail: make("ol", {className: "trail", "aria-label": `States of port ${number} so far`}),
     ways: make("ul", {className: "ways-from", "aria-label": "What may happen next"})};
-  const name = number < 10 ? `Port ${number}` : `Port ${number}: port ${Math.floor(number / 10)} of the hub`;
+  const name = number < 10 ? "State" : `Port ${number}, port ${Math.floor(number / 10)} of the hub:`;
   one.element = make("section", {className: "port-state", dataset: {port: number}},
-    make("h3", {}, `${name} `, one.badge, " ", one.since, " ", one.device), make("div", {className: "scroll"}, svg), one.trail,
+    make("h3", {}, `${name} `, one.badge, " ", one.since, " ", one.device),
+    make("div", {className: "scroll"}, svg), one.trail,
     make("details", {}, make("summary", {}, "What may happen next"), one.ways));
   machines.set(number, one);
   find(".machines", cards.get(number % 10) ?? cards.get(1)).append(one.element);

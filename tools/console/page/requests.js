@@ -51,8 +51,8 @@ export function showKnown(devices) {
 }
 
 function optionOf(device) {
-  const name = device.product || "device";
-  return make("option", {value: String(device.port)}, `port ${device.port}: ${name} (${id(device.vid)}:${id(device.pid)})`);
+  const text = `port ${device.port}: ${device.product || "device"} (${id(device.vid)}:${id(device.pid)})`;
+  return make("option", {value: String(device.port)}, text);
 }
 
 function fill(form, port) {
