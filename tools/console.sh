@@ -1,6 +1,6 @@
 #!/bin/bash
-# make console [PORT=...]: builds the service for the head unit's processor, boots the virtual head unit and serves it on
-# a local web page until Ctrl-C. Everything that is missing is installed or fetched first.
+# make console [PORT=...]: builds the service for the head unit's processor, boots the virtual head unit and serves it
+# on a local web page until Ctrl-C. Everything that is missing is installed or fetched first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/alive.sh

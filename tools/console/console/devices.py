@@ -105,7 +105,8 @@ def _plain(make):
 
 
 OTHERS = [
-    Kind("card_reader", "Storage", "Card reader", "a card put into an empty one is mounted; the change of a mounted one is not noticed",
+    Kind("card_reader", "Storage", "Card reader",
+         "a card put into an empty one is mounted; the change of a mounted one is not noticed",
          (Field("card", "Card inside", "choice", "yes", (("yes", "yes"), ("no", "no"))), serial("READER"), IDS), _card),
     Kind("hub", "Other devices", "Hub", f"a customer's, with {HUB_PORTS} ports", (serial("HUB"),),
          lambda values, folder: Hub(HUB_PORTS, serial=values["serial"])),
