@@ -128,13 +128,17 @@ class Answered(SendCase):
         def flood(fake, data):
             try:
                 while True:
-                    fake.answer(SELF_TEST)
+                    fake.answer(bytes(60000))       # sent faster than shown
             except OSError:
                 pass        # it has ended
 
         self.service("test", flood)
-        ended = self.quickly("test", "mount-check", "--port", 1, "--timeout", 0.5, expect=NO_ANSWER)
+        ended = self.send("--json", "test", "mount-check", "--port", 1, "--timeout", 0.5, expect=NO_ANSWER)
         self.assertIn("no answer within 0.5 s", ended.err)
+
+    def test_nothing_is_read_behind_the_answer(self):
+        self.answering("sdcm", result(5), result(5, 1))
+        self.assertEqual(len(self.quickly("sdcm", "android-auto", *PHONE).lines), 1)
 
     def test_many_connections_to_the_inbox_do_no_harm(self):
         def crowd(fake, data):
@@ -232,6 +236,22 @@ class Broken(SendCase):
 
         self.service("diag", last_words)
         self.send("diag", "self-test")
+
+    def test_a_search_whose_first_answer_came_before_the_end(self):
+        def one_only(fake, data):
+            fake.answer(attached(1))
+            fake.die()
+
+        self.service("sdcm", one_only)
+        self.send("sdcm", "search")
+
+    def test_a_service_that_does_not_read_while_the_peer_runs(self):
+        one = listener(f"{self.folder}/usb/test")
+        self.addCleanup(one.close)
+        self.peer("test")
+        ended = self.send("test", "mount-check", "--port", 1, expect=UNREACHABLE)
+        self.assertIn("test itself is running", ended.err)
+        self.assertIn("the service does not read what test sends", ended.err)
 
     def test_a_service_that_ends_without_reading(self):
         one = listener(f"{self.folder}/usb/diag")
@@ -345,6 +365,21 @@ class Inboxes(SendCase):
                 os.unlink(f"{self.folder}/usb/test")
 
 
+    def test_a_signal_that_is_to_be_ignored_is_ignored(self):
+        runs = []
+
+        def hang_up_then_answer(fake, data):
+            while not runs:
+                time.sleep(0.01)
+            runs[0].signal(signal.SIGHUP)
+            fake.answer(mount_check("/tmp/"))
+
+        self.service("test", hang_up_then_answer)
+        runs.append(self.start("test", "mount-check", "--port", 1,
+                               preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN)))
+        self.assertEqual(runs[0].end().status, DONE)
+
+
 class Shown(SendCase):
     def test_a_dry_run_shows_the_request_and_sends_nothing(self):
         fake = self.service("diag")
@@ -410,10 +445,9 @@ class Status(SendCase):
 
     def test_what_was_given_is_not_replaced(self):
         ended = self.ask(self.START, self.VERSION, self.device(2, self.PHONE), self.end(2),
-                         words=("sdcm", "reset", "--port", 2, "--vid", "18d1", "--pid", "2d00", "--devid", "me"))
+                         words=("sdcm", "reset", "--port", 2, "--vid", "18d1", "--pid", "2d00", "--serial", "given"))
         self.assertEqual(bytes.fromhex(ended.objects[0]["hex"]),
-                         usbrecords.mode_request(17, port=2, vid=0x18D1, pid=0x2D00, serial="S", devpath="/d",
-                                                 devid="me"))
+                         usbrecords.mode_request(17, port=2, vid=0x18D1, pid=0x2D00, serial="given", devpath="/d"))
 
     def test_without_a_phone_there_nothing_is_sent(self):
         ended = self.ask(self.START, self.VERSION, self.device(1, self.PHONE), self.device(2, self.KEYBOARD),

@@ -147,6 +147,13 @@ class Requests(SendCase):
         self.kipcsend("settings", "switches", "--device-mode2", "off")
         self.expect_log("test_force_enable1:0>0 test_force_enable2:0>0 device_mode1:0>0 device_mode2:2>0")
 
+    def test_a_dry_run_writes_no_switch(self):
+        with open("/dev/shm/shm_usb_cert", "rb") as file:
+            before = file.read()
+        self.kipcsend("-n", "settings", "switches", "--signal-test2", "on")
+        with open("/dev/shm/shm_usb_cert", "rb") as file:
+            self.assertEqual(file.read(), before)
+
     def test_support_of_customers_hubs_is_written_and_told(self):
         for word, value in (("off", 0), ("on", 1)):
             self.mark()

@@ -108,7 +108,7 @@ bool Exchange::TakeAnswers(Inbox& inbox) {
         passed.is_answer = IsAnswer(m_request.answer, record, *bytes);
         Print(passed);
         if (passed.is_answer) {
-            m_succeeded = m_succeeded && (!record || IsSuccess(m_request.answer, *record, *bytes));
+            m_succeeded = !record || IsSuccess(m_request.answer, *record, *bytes);
             if (++m_answers >= m_request.answer.most) return true;
             if (m_request.answer.kind == ANSWER_COMES)
                 m_end = std::min(m_end, steady_clock::now() + kNextAnswer);

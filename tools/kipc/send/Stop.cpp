@@ -11,11 +11,15 @@ namespace kipcsend {
 
 namespace {
 
+// Without those that whoever started this process wants ignored, as nohup does.
 sigset_t Signals() {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        sigaddset(&signals, signal);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction action;
+        if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
+            sigaddset(&signals, signal);
+    }
     return signals;
 }
 
@@ -35,7 +39,6 @@ int Stop::Take() const {
 
 void Stop::EndBy(int signal) {
     const sigset_t signals = Signals();
-    std::signal(signal, SIG_DFL);
     sigprocmask(SIG_UNBLOCK, &signals, nullptr);
     raise(signal);
     _exit(EXIT_SIGNAL + signal);
