@@ -1,5 +1,6 @@
 #!/usr/bin/python3
 """kipcmon as a process, shown what a service would show it, and worse. Needs no root."""
+import fcntl
 import os
 import pathlib
 import pty
@@ -166,6 +167,26 @@ class Place(MonitorCase):
         self.connect().send(voltage())
         self.assertEqual(first.end(), AS_ASKED)
         self.assertEqual(first.lines, [VOLTAGE_LINE])
+
+    def test_one_at_which_a_monitor_listens_that_accepts_nobody_is_left_alone(self):
+        self.listening().process.send_signal(signal.SIGSTOP)
+        waiting = []
+        with self.assertRaises(BlockingIOError):
+            for _ in range(100):
+                waiting.append(socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET | socket.SOCK_NONBLOCK))
+                self.addCleanup(waiting[-1].close)
+                waiting[-1].connect(f"{self.folder}/tap")
+        self.assertEqual(self.run_to_end().status, TAKEN)
+        self.assertTrue(os.path.exists(f"{self.folder}/tap"))
+
+    def test_it_is_taken_by_one_at_a_time(self):
+        folder = os.open(self.folder, os.O_RDONLY)
+        fcntl.flock(folder, fcntl.LOCK_EX)      # as one does that is about to
+        monitor = self.start()
+        time.sleep(0.2)
+        self.assertEqual(os.listdir(self.folder), [])
+        os.close(folder)
+        monitor.wait_said("listening at")
 
     def test_of_many_that_start_at_once_one_gets_it(self):
         self.listening().end(signal.SIGKILL)
@@ -528,7 +549,8 @@ class Kept(MonitorCase):
     def test_an_older_longer_file_is_replaced(self):
         pathlib.Path(self.file).write_bytes(b"x" * 100000)
         self.keep(voltage())
-        self.assertEqual(self.run_to_end("--read", self.file).lines, [VOLTAGE_LINE])
+        again = self.run_to_end("--read", self.file)
+        self.assertEqual((again.status, again.lines), (AS_ASKED, [VOLTAGE_LINE]))
 
 
 class Completion(unittest.TestCase):

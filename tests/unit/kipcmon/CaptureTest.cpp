@@ -50,6 +50,15 @@ TEST(CaptureFile, SaysHowManyRecordsWereLostBefore) {
     EXPECT_EQ(HexOf(CapturePacket(datagram, 1, 3)), HexOf(BytesOf(kPacketAfterALoss)));
 }
 
+TEST(CaptureFile, SaysThatOneWasLost) {
+    std::istringstream file(CaptureHead() + CapturePacket({}, 1, 1));
+    CaptureReader reader(&file);
+    CapturedPacket packet;
+    ASSERT_EQ(reader.Next(&packet), CAPTURE_PACKET);
+    EXPECT_EQ(packet.lost, 1u);
+    EXPECT_TRUE(packet.bytes.empty());
+}
+
 // All packets of a file, and how the reading ended.
 struct Captured {
     std::vector<test::Octets> packets = {};
@@ -142,6 +151,9 @@ TEST(CaptureFile, WhoseBlocksLieIsRefused) {
               "options that do not fit their block");
     EXPECT_EQ(
         complaint("06000000 28000000 00000000 0000000000000000 00000000 00000000 04000400 01000000 28000000"),
+        "options that do not fit their block");
+    EXPECT_EQ(
+        complaint("06000000 28000000 00000000 0000000000000000 00000000 00000000 05000800 00000000 28000000"),
         "options that do not fit their block");
     EXPECT_EQ(complaint("01000000 0c000000 0c000000"), "an interface without a link type");
     EXPECT_EQ(complaint("0a0d0d0a 0c000000 4d3c2b1a"), "a block of 12 bytes");

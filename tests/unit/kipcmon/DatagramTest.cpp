@@ -93,11 +93,11 @@ TEST(TapDatagram, ThatLiesKeepsItsRecordAndIsMarked) {
 }
 
 TEST(TapDatagram, MayHaveNamesThatATerminalWouldObey) {
-    const test::Octets bytes = test::Sent{.sender = "\033[2J", .receiver = "a\\\x9b\n"}.Datagram();
+    const test::Octets bytes = test::Sent{.sender = "\033[2J\x7f", .receiver = "a\\\x9b\n"}.Datagram();
     std::string refusal;
     const auto datagram = ReadDatagram(bytes, &refusal);
     ASSERT_TRUE(datagram);
-    EXPECT_EQ(datagram->sender, "\\x1b[2J");
+    EXPECT_EQ(datagram->sender, "\\x1b[2J\\x7f");
     EXPECT_EQ(datagram->receiver, "a\\x5c\\x9b\\x0a");
 }
 

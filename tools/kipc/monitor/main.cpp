@@ -48,7 +48,7 @@ bool IsReadable(int descriptor) {
 
 E_COLOUR ColourOf(const Options& options) {
     if (options.colour == WHEN_ALWAYS) return COLOUR_ON;
-    if (options.colour == WHEN_NEVER || options.format == FORMAT_JSON) return COLOUR_OFF;
+    if (options.colour == WHEN_NEVER) return COLOUR_OFF;
     const char* none = std::getenv("NO_COLOR");
     return isatty(STDOUT_FILENO) && !(none && *none) ? COLOUR_ON : COLOUR_OFF;
 }
