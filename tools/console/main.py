@@ -17,9 +17,15 @@ from console.head import KEEP, Head  # noqa: E402
 from console.server import Server  # noqa: E402
 
 
+def port_number(text):
+    if not text.isdecimal() or int(text) > 0xFFFF:
+        raise argparse.ArgumentTypeError(f"{text!r} is no port: 0 to 65535")
+    return int(text)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--port", type=int, default=8765, help="of the page's address; 0: any that is free")
+    parser.add_argument("--port", type=port_number, default=8765, help="of the page's address; 0: any that is free")
     arguments = parser.parse_args()
 
     over = threading.Event()

@@ -335,6 +335,11 @@ class Unit(unittest.TestCase):
         self.assertEqual(self.unit.sh("for i in 1 2\ndo echo $i '\"'\ndone"), '1 "\n2 "')
         self.assertEqual(len(self.unit.sh("head -c 3000000 /dev/zero | tr '\\0' x")), 3000000)
 
+    def test_without_a_service_there_is_no_status_and_the_tap_can_be_listened_to(self):
+        self.assertEqual(self.unit.status(), b"")
+        self.unit.listen_to_tap()
+        self.assertTrue(self.unit.exists("/run/kipc/tap"))
+
     def test_a_command_that_hangs_is_ended(self):
         with self.assertRaisesRegex(HeadUnitError, "not within 0.5 s: command: sleep 77"):
             self.unit.run("sleep 77", timeout=0.5)

@@ -29,7 +29,8 @@ export function setUp() {
 
 // entries: [[kind, number, data]]; one that came before replaces its line.
 export function add(entries) {
-  for (const [name, number, data] of entries) {
+  const lasting = NAMES.flatMap((name) => entries.filter(([kind]) => kind === name).slice(-MOST));
+  for (const [name, number, data] of lasting) {
     const list = lists[name];
     list.entries.set(number, data);
     if (name === "record") offerProcesses(data);
