@@ -5,6 +5,8 @@ import signal
 import socket
 import stat
 import struct
+import subprocess
+import sys
 import time
 import unittest
 
@@ -125,16 +127,21 @@ class Answered(SendCase):
         self.assertEqual(len(ended.lines), 2)
 
     def test_whoever_sends_without_end_does_not_hold_it(self):
-        def flood(fake, data):
-            try:
-                while True:
-                    fake.answer(bytes(60000))       # sent faster than shown
-            except OSError:
-                pass        # it has ended
+        flood = f"""import socket
+one = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+one.connect("{self.folder}/test/usb")
+while True: one.send(b"x")"""
 
-        self.service("test", flood)
-        ended = self.send("--json", "test", "mount-check", "--port", 1, "--timeout", 0.5, expect=NO_ANSWER)
-        self.assertIn("no answer within 0.5 s", ended.err)
+        def begin(fake, data):
+            for _ in range(4):
+                one = subprocess.Popen([sys.executable, "-c", flood], stderr=subprocess.DEVNULL)
+                self.addCleanup(one.wait)
+                self.addCleanup(one.kill)
+
+        self.service("test", begin)
+        ended = self.send("test", "mount-check", "--port", 1, "--timeout", 1, expect=NO_ANSWER)
+        self.assertIn("no answer within 1 s", ended.err)
+        self.assertIn("1 bytes that no description fits: 78", ended.out)
 
     def test_nothing_is_read_behind_the_answer(self):
         self.answering("sdcm", result(5), result(5, 1))
@@ -372,6 +379,7 @@ class Inboxes(SendCase):
             while not runs:
                 time.sleep(0.01)
             runs[0].signal(signal.SIGHUP)
+            time.sleep(0.2)     # it must not end meanwhile
             fake.answer(mount_check("/tmp/"))
 
         self.service("test", hang_up_then_answer)
