@@ -1,6 +1,7 @@
 #include "platform/frame.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -33,6 +34,7 @@ public:
 private:
     bool TakeLocked(Record* record);
     bool MakeRoom(std::size_t length);
+    void CountLocked() { m_waiting.store(m_records.records(), std::memory_order_relaxed); }
 
     const std::string m_name;
     mutable std::mutex m_mutex;  // guards all up to m_stopped; never held while logging or in a handler
@@ -42,7 +44,8 @@ private:
     unsigned long m_dropped_in_burst = 0;
     std::size_t m_high_water = 0;
     bool m_stopped = false;
-    char* m_current = nullptr;  // reader's; owned; from malloc, so aligned for everything
+    std::atomic<std::size_t> m_waiting{0};  // records; changed under the lock, read without
+    char* m_current = nullptr;              // reader's; owned; from malloc, so aligned for everything
     std::size_t m_current_bytes = 0;
 };
 
@@ -54,6 +57,7 @@ void Message::Ring::Push(unsigned long src, unsigned int len, const char* buf) {
         std::lock_guard lock(m_mutex);
         if (m_records.Push(src, {buf, len})) {
             m_high_water = std::max(m_high_water, m_records.bytes());
+            CountLocked();
             ended_burst = m_dropped_in_burst;
             m_dropped_in_burst = 0;
             m_filled.notify_one();
@@ -69,6 +73,8 @@ void Message::Ring::Push(unsigned long src, unsigned int len, const char* buf) {
 }
 
 bool Message::Ring::Take(Record* record) {
+    // A frame that never waits asks before each call of its handler, nearly always in vain.
+    if (m_waiting.load(std::memory_order_relaxed) == 0) return false;
     std::lock_guard lock(m_mutex);
     return TakeLocked(record);
 }
@@ -93,11 +99,13 @@ bool Message::Ring::TakeLocked(Record* record) {
         const platform::ByteRing::Head head = m_records.Front();
         if (!MakeRoom(head.length)) {
             m_records.Pop(nullptr);
+            CountLocked();
             ++m_dropped;
             ++m_dropped_in_burst;  // the next push says so
             continue;
         }
         m_records.Pop(m_current);
+        CountLocked();
         std::memset(m_current + head.length, 0, kSlack);
         *record = {head.tag, head.length, m_current};
         return true;
@@ -117,8 +125,7 @@ bool Message::Ring::MakeRoom(std::size_t length) {
 }
 
 std::size_t Message::Ring::Waiting() const {
-    std::lock_guard lock(m_mutex);
-    return m_records.records();
+    return m_waiting.load(std::memory_order_relaxed);
 }
 
 unsigned long Message::Ring::Dropped() const {
