@@ -60,14 +60,15 @@ private:
     void Rebuild(unsigned bits);
 
     // The slots are chosen by the highest bits of a hash, which all bytes of the text have moved.
-    unsigned m_bits;                // two to the power of it are the buckets
-    std::vector<UNode*> m_buckets;  // by the path's hash
-    std::vector<std::uint16_t>
-        m_ends;                 // by the stem's hash: bit 0, a path may end one byte behind the stem, ...
-    UNode* m_recent = nullptr;  // inserted or found last: an event asks for the same one several times
-    const char* m_recent_path = "";  // its own
+    unsigned m_bits;                    // two to the power of it are the buckets
+    std::vector<UNode*> m_buckets;      // by the path's hash
+    std::vector<std::uint16_t> m_ends;  // by the stem's hash: bit 0, a path may end one byte behind it, ...
     std::size_t m_size = 0;
-    std::size_t m_vain = 0;  // looks for a path that ended nowhere, since m_ends was made
+    std::size_t m_vain = 0;  // looks where no path ended, since m_ends was made: some had gone
+
+    // Inserted or found last: an event asks for the same node several times.
+    UNode* m_recent = nullptr;
+    const char* m_recent_path = "";  // the node's own
 };
 
 }  // namespace dcm::usb
