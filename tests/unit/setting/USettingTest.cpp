@@ -431,11 +431,12 @@ TEST_F(USettingTest, ShowsToolsWhatIsSetAtEachChange) {
     SetRecord(kCert, Hex("00000000 01000000 00000000 01000000"));
     SetRecord(kPersist, Hex("01000000"));
     EXPECT_TRUE(setting.UpdateUsbCert());
-    EXPECT_TRUE(setting.UpdateUsbCertPersist());
     expected.force_enable[0] = 0;
     expected.force_enable[1] = 1;
     expected.device_mode[0] = 0;
     expected.device_mode[1] = 1;
+    EXPECT_EQ(::test::BytesOf(shown()[0]), ::test::BytesOf(expected));
+    EXPECT_TRUE(setting.UpdateUsbCertPersist());
     expected.customer_hub_support = 1;
     EXPECT_EQ(::test::BytesOf(shown()[0]), ::test::BytesOf(expected));
 
