@@ -439,7 +439,8 @@ class Ending(MonitorCase):
                                  (["--port", "1a"], "'1a' is no port"), (["--id", "seek"], "there is no id 'seek'"),
                                  (["--color", "blue"], "'blue' is none of auto, always, never"),
                                  (["--receiver", "medja"], "there is no process 'medja', only usb, monitor, "),
-                                 (["--read", "x", "--dir", "y"], "--read"), (["--read", "x", "--timeout", "1"], "--read"),
+                                 (["--read", "x", "--dir", "y"], "--read"),
+                                 (["--read", "x", "--timeout", "1"], "--read"),
                                  (["more"], "more"), (["--what"], "--what"), (["--count"], "--count")):
             with self.subTest(words):
                 monitor = self.run_to_end(*words)
@@ -539,6 +540,16 @@ class Kept(MonitorCase):
         monitor = self.run_to_end("--read", self.file, "--write", self.file)
         self.assertEqual((monitor.status, monitor.said), (FAILED, [f"{self.file}: cannot be read and written"]))
         self.assertEqual(pathlib.Path(self.file).read_bytes(), before)
+
+    def test_the_file_of_a_monitor_that_listens_is_not_touched_by_a_second_one(self):
+        first = self.listening("--count", 2, "--write", self.file)
+        tap = self.connect()
+        tap.send(voltage(1))
+        first.wait_lines(1)
+        self.assertEqual(self.run_to_end("--write", self.file).status, TAKEN)
+        tap.send(voltage(2))
+        self.assertEqual(first.end(), AS_ASKED)
+        self.assertEqual(self.run_to_end("--read", self.file).lines, first.lines)
 
     def test_files_that_are_not_there_or_cannot_be_made_are_said(self):
         for words in (["--read", "/none/x"], ["--write", "/none/x"]):

@@ -22,10 +22,12 @@ def field_line(field):
 
 
 def record_lines(name, record):
-    receivers = ", ".join(literal(receiver) for receiver in record["to"])
-    yield (f"    {{ name = {literal(name)}, size = {record['size']}, minimum = {record.get('minimum', record['size'])}, "
-           f"longer = {'true' if 'minimum' in record else 'false'}, from = {literal(record['from'])},")
-    yield f"      to = {{ {receivers} }},"
+    minimum, longer = record.get("minimum", record["size"]), "true" if "minimum" in record else "false"
+    yield (f"    {{ name = {literal(name)}, size = {record['size']}, minimum = {minimum}, longer = {longer}, "
+           f"from = {literal(record['from'])},")
+    yield "      to = {"
+    yield from (f"          {literal(receiver)}," for receiver in record["to"])
+    yield "      },"
     yield "      fields = {"
     for field in record["fields"]:
         yield field_line(field)

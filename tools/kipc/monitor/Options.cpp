@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <charconv>
-#include <cmath>
 #include <cstdlib>
 #include <iostream>
 #include <map>

@@ -5,8 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -71,18 +71,15 @@ int ExitCodeOf(const Options& options, const Sink& sink) {
     return options.count > 0 && !sink.reached() ? EXIT_TOO_FEW : EXIT_AS_ASKED;
 }
 
-int Listen(const Options& options, Sink* sink, int stop) {
-    std::optional<Clock::time_point> end;
-    if (options.timeout_s)
-        end = Clock::now() +
-              std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*options.timeout_s));
-    Tap tap(options.folder);
-    std::string said;
-    const E_TAKE taken = tap.Take(&said);
-    if (!said.empty()) Say(said);
-    if (taken != TAKE_DONE) return taken == TAKE_TAKEN ? EXIT_TAKEN : EXIT_FAILED;
-    Say("listening at " + tap.path());
+std::optional<Clock::time_point> EndOf(const Options& options) {
+    if (!options.timeout_s) return std::nullopt;
+    return Clock::now() +
+           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*options.timeout_s));
+}
 
+int Listen(const Options& options, const Tap& tap, Sink* sink, int stop) {
+    const std::optional<Clock::time_point> end = EndOf(options);
+    Say("listening at " + tap.path());
     std::string last_refusal;
     const auto take = [&](records::Bytes datagram, pid_t process) {
         std::string refusal;
@@ -125,8 +122,8 @@ int Show(const Options& options, Sink* sink) {
 }
 
 bool AreTheSameFile(const std::string& path, int descriptor) {
-    struct stat one {
-    }, other{};
+    struct stat one;
+    struct stat other;
     return stat(path.c_str(), &one) == 0 && fstat(descriptor, &other) == 0 && one.st_dev == other.st_dev &&
            one.st_ino == other.st_ino;
 }
@@ -144,10 +141,8 @@ int OpenCapture(const Options& options) {
     return -1;
 }
 
-int Run(const Options& options) {
-    const bool lives = options.read.empty();
-    const int stop = lives ? BlockSignals() : -1;
-    std::signal(SIGPIPE, SIG_IGN);
+// `tap` is null for a file that is read.
+int Run(const Options& options, const Tap* tap, int stop) {
     Output lines(STDOUT_FILENO, stop);
     std::unique_ptr<Output> capture;
     if (!options.write.empty()) {
@@ -156,7 +151,18 @@ int Run(const Options& options) {
         capture = std::make_unique<Output>(descriptor, stop);
     }
     Sink sink(options, ColourOf(options), options.write == "-" ? nullptr : &lines, capture.get());
-    return lives ? Listen(options, &sink, stop) : Show(options, &sink);
+    return tap ? Listen(options, *tap, &sink, stop) : Show(options, &sink);
+}
+
+int RunLive(const Options& options) {
+    const int stop = BlockSignals();
+    Tap tap(options.folder);
+    std::string said;
+    const E_TAKE taken = tap.Take(&said);
+    if (!said.empty()) Say(said);
+    // Before anything is written: the file may be that of the monitor that listens.
+    if (taken != TAKE_DONE) return taken == TAKE_TAKEN ? EXIT_TAKEN : EXIT_FAILED;
+    return Run(options, &tap, stop);
 }
 
 }  // namespace
@@ -164,5 +170,7 @@ int Run(const Options& options) {
 int main(int argc, char** argv) {
     int exit_code = EXIT_AS_ASKED;
     const std::optional<Options> options = ReadOptions(argc, argv, &exit_code);
-    return options ? Run(*options) : exit_code;
+    if (!options) return exit_code;
+    std::signal(SIGPIPE, SIG_IGN);
+    return options->read.empty() ? RunLive(*options) : Run(*options, nullptr, -1);
 }

@@ -149,7 +149,10 @@ local WORDS = {
 }
 local RECORDS = {
     { name = "st_usb_pkt", size = 360, minimum = 360, longer = false, from = "usb",
-      to = { "media", "speech" },
+      to = {
+          "media",
+          "speech",
+      },
       fields = {
         { name = "kind", at = 0, width = 4, kind = "u32", is = "03000000" },
         { name = "cmd", at = 4, width = 4, kind = "u32", words = "cmd" },
@@ -168,7 +171,17 @@ local RECORDS = {
         { name = "unused", at = 358, width = 2, kind = "bytes", unused = true },
     } },
     { name = "st_storage_pkt", size = 136, minimum = 136, longer = false, from = "usb",
-      to = { "media", "navi", "speech", "0000000000004000", "0000000000200000", "0000000800000000", "0000020000000000", "0000080000000000", "0000200000000000" },
+      to = {
+          "media",
+          "navi",
+          "speech",
+          "0000000000004000",
+          "0000000000200000",
+          "0000000800000000",
+          "0000020000000000",
+          "0000080000000000",
+          "0000200000000000",
+      },
       fields = {
         { name = "kind", at = 0, width = 4, kind = "u32", is = "03000000" },
         { name = "cmd", at = 4, width = 4, kind = "u32", words = "cmd" },
@@ -185,7 +198,9 @@ local RECORDS = {
         { name = "unused", at = 135, width = 1, kind = "bytes", unused = true },
     } },
     { name = "media_voltage", size = 24, minimum = 24, longer = false, from = "usb",
-      to = { "media" },
+      to = {
+          "media",
+      },
       fields = {
         { name = "kind", at = 0, width = 4, kind = "u32", is = "00000000" },
         { name = "cmd", at = 4, width = 4, kind = "u32", words = "cmd", is = "13000000" },
@@ -195,32 +210,42 @@ local RECORDS = {
         { name = "section", at = 20, width = 4, kind = "u32", words = "section" },
     } },
     { name = "voltage", size = 12, minimum = 12, longer = false, from = "usb",
-      to = { "voltage" },
+      to = {
+          "voltage",
+      },
       fields = {
         { name = "kind", at = 0, width = 4, kind = "u32", is = "88130000" },
         { name = "port", at = 4, width = 4, kind = "u32" },
         { name = "section", at = 8, width = 4, kind = "u32", words = "section" },
     } },
     { name = "diag_external_optical_status", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "01602251ec" },
         { name = "status", at = 5, width = 1, kind = "u8", hex = true },
     } },
     { name = "diag_external_optical_error_code", size = 8, minimum = 8, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "0160221005" },
         { name = "status", at = 5, width = 3, kind = "bytes" },
     } },
     { name = "diag_status_communication", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "01602218e8" },
         { name = "status", at = 5, width = 1, kind = "u8", words = "communication" },
     } },
     { name = "diag_device_state", size = 16, minimum = 16, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "016022185d" },
         { name = "power", at = 5, width = 1, kind = "u8" },
@@ -234,93 +259,123 @@ local RECORDS = {
         { name = "unused", at = 15, width = 1, kind = "u8", is = "ff" },
     } },
     { name = "diag_over_current", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "016022247c" },
         { name = "present", at = 5, width = 1, kind = "u8", words = "off_on" },
     } },
     { name = "diag_faulty_communication", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "0160190665" },
         { name = "result", at = 5, width = 1, kind = "u8", words = "communication" },
     } },
     { name = "diag_socket1_open", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "0160190666" },
         { name = "open", at = 5, width = 1, kind = "u8", words = "no_yes" },
     } },
     { name = "diag_socket1_short", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "0160190667" },
         { name = "short", at = 5, width = 1, kind = "u8", words = "no_yes" },
     } },
     { name = "diag_socket2_open", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "0160190668" },
         { name = "open", at = 5, width = 1, kind = "u8", words = "no_yes" },
     } },
     { name = "diag_socket2_short", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "0160190669" },
         { name = "short", at = 5, width = 1, kind = "u8", words = "no_yes" },
     } },
     { name = "diag_socket3_open", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "016019066a" },
         { name = "open", at = 5, width = 1, kind = "u8", words = "no_yes" },
     } },
     { name = "diag_socket3_short", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "016019066b" },
         { name = "short", at = 5, width = 1, kind = "u8", words = "no_yes" },
     } },
     { name = "diag_socket4_open", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "016019066c" },
         { name = "open", at = 5, width = 1, kind = "u8", words = "no_yes" },
     } },
     { name = "diag_socket4_short", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "016019066d" },
         { name = "short", at = 5, width = 1, kind = "u8", words = "no_yes" },
     } },
     { name = "diag_test_result", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "01603180aa" },
         { name = "result", at = 5, width = 1, kind = "u8", words = "good_bad" },
     } },
     { name = "diag_hub_support", size = 6, minimum = 6, longer = false, from = "usb",
-      to = { "diag" },
+      to = {
+          "diag",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "01602280aa" },
         { name = "not_supported", at = 5, width = 1, kind = "u8", words = "no_yes" },
     } },
     { name = "mount_check_result", size = 36, minimum = 36, longer = false, from = "usb",
-      to = { "test" },
+      to = {
+          "test",
+      },
       fields = {
         { name = "head", at = 0, width = 3, kind = "bytes", is = "823101" },
         { name = "mounted", at = 3, width = 1, kind = "u8", words = "no_yes" },
         { name = "mount_path", at = 4, width = 32, kind = "text" },
     } },
     { name = "scan", size = 12, minimum = 12, longer = false, from = "usb",
-      to = { "sdcm" },
+      to = {
+          "sdcm",
+      },
       fields = {
         { name = "sender", at = 0, width = 4, kind = "u32", words = "sender", is = "00000000" },
         { name = "id", at = 4, width = 4, kind = "u32", words = "id" },
         { name = "unused", at = 8, width = 4, kind = "u32", is = "00000000" },
     } },
     { name = "device_event", size = 364, minimum = 364, longer = false, from = "usb",
-      to = { "sdcm" },
+      to = {
+          "sdcm",
+      },
       fields = {
         { name = "sender", at = 0, width = 1, kind = "u8", words = "sender", is = "00" },
         { name = "unused", at = 1, width = 3, kind = "bytes", any = true },
@@ -342,7 +397,9 @@ local RECORDS = {
         { name = "devpath", at = 236, width = 128, kind = "text" },
     } },
     { name = "mode_result", size = 244, minimum = 244, longer = false, from = "usb",
-      to = { "sdcm" },
+      to = {
+          "sdcm",
+      },
       fields = {
         { name = "sender", at = 0, width = 1, kind = "u8", words = "sender", is = "00" },
         { name = "unused", at = 1, width = 3, kind = "bytes", any = true },
@@ -358,7 +415,9 @@ local RECORDS = {
         { name = "result", at = 240, width = 4, kind = "i32", words = "result" },
     } },
     { name = "media_command", size = 20, minimum = 20, longer = true, from = "media",
-      to = { "usb" },
+      to = {
+          "usb",
+      },
       fields = {
         { name = "unused", at = 0, width = 4, kind = "u32", any = true },
         { name = "cmd", at = 4, width = 4, kind = "u32", words = "cmd" },
@@ -369,7 +428,9 @@ local RECORDS = {
         { name = "unused4", at = 17, width = 3, kind = "bytes", any = true },
     } },
     { name = "diag_adaption", size = 9, minimum = 5, longer = true, from = "diag",
-      to = { "usb" },
+      to = {
+          "usb",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "8360220981" },
         { name = "port1", at = 5, width = 1, kind = "u8", hex = true },
@@ -378,20 +439,26 @@ local RECORDS = {
         { name = "port4", at = 8, width = 1, kind = "u8", hex = true },
     } },
     { name = "diag_coding", size = 7, minimum = 5, longer = true, from = "diag",
-      to = { "usb" },
+      to = {
+          "usb",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "8360220557" },
         { name = "unused", at = 5, width = 1, kind = "u8", any = true },
         { name = "coding", at = 6, width = 1, kind = "u8", hex = true },
     } },
     { name = "diag_run_test", size = 6, minimum = 5, longer = true, from = "diag",
-      to = { "usb" },
+      to = {
+          "usb",
+      },
       fields = {
         { name = "head", at = 0, width = 5, kind = "bytes", is = "83603180aa" },
         { name = "start", at = 5, width = 1, kind = "u8" },
     } },
     { name = "diag_request", size = 5, minimum = 5, longer = true, from = "diag",
-      to = { "usb" },
+      to = {
+          "usb",
+      },
       fields = {
         { name = "command", at = 0, width = 1, kind = "u8", hex = true },
         { name = "sub_command", at = 1, width = 1, kind = "u8", hex = true },
@@ -400,7 +467,9 @@ local RECORDS = {
         { name = "rdid2", at = 4, width = 1, kind = "u8", hex = true },
     } },
     { name = "power", size = 7, minimum = 3, longer = true, from = "power",
-      to = { "usb" },
+      to = {
+          "usb",
+      },
       fields = {
         { name = "head", at = 0, width = 2, kind = "bytes", is = "8391" },
         { name = "about", at = 2, width = 1, kind = "u8", words = "power_kind" },
@@ -410,19 +479,25 @@ local RECORDS = {
         { name = "value4", at = 6, width = 1, kind = "u8" },
     } },
     { name = "test_command", size = 5, minimum = 3, longer = true, from = "test",
-      to = { "usb" },
+      to = {
+          "usb",
+      },
       fields = {
         { name = "head", at = 0, width = 3, kind = "bytes", is = "023102" },
         { name = "extra_command", at = 3, width = 1, kind = "u8" },
         { name = "port", at = 4, width = 1, kind = "u8" },
     } },
     { name = "setting_changed", size = 128, minimum = 1, longer = true, from = "settings",
-      to = { "usb" },
+      to = {
+          "usb",
+      },
       fields = {
         { name = "path", at = 0, width = 128, kind = "text" },
     } },
     { name = "mode_request", size = 244, minimum = 244, longer = false, from = "sdcm",
-      to = { "usb" },
+      to = {
+          "usb",
+      },
       fields = {
         { name = "sender", at = 0, width = 1, kind = "u8", words = "sender" },
         { name = "unused", at = 1, width = 3, kind = "bytes", any = true },
@@ -438,7 +513,9 @@ local RECORDS = {
         { name = "result", at = 240, width = 4, kind = "i32", words = "result" },
     } },
     { name = "search", size = 12, minimum = 12, longer = false, from = "sdcm",
-      to = { "usb" },
+      to = {
+          "usb",
+      },
       fields = {
         { name = "sender", at = 0, width = 1, kind = "u8", words = "sender" },
         { name = "unused", at = 1, width = 3, kind = "bytes", any = true },
@@ -448,7 +525,9 @@ local RECORDS = {
         { name = "unused2", at = 10, width = 2, kind = "bytes", any = true },
     } },
     { name = "command", size = 12, minimum = 12, longer = false, from = "sdcm",
-      to = { "usb" },
+      to = {
+          "usb",
+      },
       fields = {
         { name = "sender", at = 0, width = 1, kind = "u8", words = "sender" },
         { name = "unused", at = 1, width = 3, kind = "bytes", any = true },
@@ -457,7 +536,10 @@ local RECORDS = {
         { name = "unused2", at = 9, width = 3, kind = "bytes", any = true },
     } },
     { name = "message", size = 12, minimum = 12, longer = false, from = "usb",
-      to = { "usb", "monitor" },
+      to = {
+          "usb",
+          "monitor",
+      },
       fields = {
         { name = "sender", at = 0, width = 1, kind = "u8", words = "sender" },
         { name = "unused", at = 1, width = 3, kind = "bytes", any = true },
@@ -467,7 +549,10 @@ local RECORDS = {
         { name = "unused2", at = 10, width = 2, kind = "bytes", unused = true },
     } },
     { name = "node", size = 348, minimum = 348, longer = false, from = "usb",
-      to = { "usb", "monitor" },
+      to = {
+          "usb",
+          "monitor",
+      },
       fields = {
         { name = "sender", at = 0, width = 1, kind = "u8", words = "sender" },
         { name = "unused", at = 1, width = 3, kind = "bytes", any = true },
@@ -486,7 +571,9 @@ local RECORDS = {
         { name = "devpath", at = 220, width = 128, kind = "text" },
     } },
     { name = "mount_error", size = 148, minimum = 148, longer = false, from = "usb",
-      to = { "monitor" },
+      to = {
+          "monitor",
+      },
       fields = {
         { name = "sender", at = 0, width = 1, kind = "u8", words = "sender" },
         { name = "unused", at = 1, width = 3, kind = "bytes", any = true },
@@ -496,7 +583,9 @@ local RECORDS = {
         { name = "packet", at = 12, width = 136, kind = "bytes" },
     } },
     { name = "over_current", size = 140, minimum = 140, longer = false, from = "usb",
-      to = { "monitor" },
+      to = {
+          "monitor",
+      },
       fields = {
         { name = "sender", at = 0, width = 1, kind = "u8", words = "sender" },
         { name = "unused", at = 1, width = 3, kind = "bytes", any = true },
