@@ -212,9 +212,14 @@ def main():
             print(f"-- {part}", file=sys.stderr, flush=True)
             part_values, found[part] = globals()[f"measure_{part}"](tree, arguments)
             values |= part_values
-        judged = [judge(row, values) for row in rows]
     except NotMeasured as reason:
         sys.exit(f"not measured: {reason}")
+    judged, missing = [], []
+    for row in rows:
+        try:
+            judged.append(judge(row, values))
+        except NotMeasured as reason:
+            missing.append(str(reason))
     print(table(["what", "measured", "reference", "ratio", "target", ""], [cells(row) for row in judged]))
     if arguments.peers and "load" in found:
         print()
@@ -226,6 +231,8 @@ def main():
     out.write_text(json.dumps({"when": datetime.datetime.now().astimezone().isoformat(timespec="seconds"), **machine,
                                "quick": arguments.quick, "rows": judged, "values": values, "found": found}, indent=1))
     print(f"\n{out}", file=sys.stderr)
+    if missing:
+        sys.exit("\n".join(f"not measured: {reason}" for reason in missing))
 
 
 if __name__ == "__main__":
