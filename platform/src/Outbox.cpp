@@ -380,7 +380,8 @@ void Outbox::WaitForRoom(Channel* channel, bool wait) {
 void Outbox::Close(Channel* channel) {
     channel->waits_for_room = false;
     if (channel->fd < 0) return;
-    close(channel->fd);  // leaves the epoll set by itself
+    epoll_ctl(m_epoll, EPOLL_CTL_DEL, channel->fd, nullptr);  // a program being started may still hold it
+    close(channel->fd);
     channel->fd = -1;
 }
 

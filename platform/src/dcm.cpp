@@ -440,6 +440,9 @@ void DcmInterface::Receiver::Disconnect(Endpoint* connection) {
          connection->peer.uid);
     --connection->listener->connections;
     connection->listener->turns_away = false;
+    // Closing alone is not enough: a program that is just being started still holds the socket, and epoll
+    // would go on to name a connection that is gone.
+    epoll_ctl(m_epoll, EPOLL_CTL_DEL, connection->fd, nullptr);
     close(connection->fd);
     std::erase_if(m_connections, [&](const auto& held) { return held.get() == connection; });
 }
