@@ -155,7 +155,7 @@ def number(value):
         return "-"
     if value == int(value) and abs(value) < 1e7:
         return f"{int(value):,}"
-    return f"{value:,.0f}" if abs(value) >= 100 else f"{value:.2f}"
+    return f"{value:,.0f}" if abs(value) >= 100 else f"{value:.2f}" if abs(value) >= 0.1 else f"{value:.4f}"
 
 
 def with_unit(value, unit):
