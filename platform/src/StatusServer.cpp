@@ -122,7 +122,10 @@ StatusServer::Client* StatusServer::FreeClient() {
 }
 
 void StatusServer::Close(Client* client) {
-    if (client->fd >= 0) close(client->fd);
+    if (client->fd >= 0) {
+        epoll_ctl(m_epoll, EPOLL_CTL_DEL, client->fd, nullptr);  // a program being started may still hold it
+        close(client->fd);
+    }
     *client = Client{};
 }
 

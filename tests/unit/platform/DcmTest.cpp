@@ -7,13 +7,34 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "Bench.h"
 #include "gmock/gmock.h"
 #include "platform/tap.h"
+
+namespace {
+
+// What another thread than this one closes stays open, as when a program is just being started: between fork
+// and exec it holds everything that this process had open.
+std::atomic<std::thread::id> g_closes_for_good{};
+std::atomic<int> g_kept{-1};
+
+}  // namespace
+
+extern "C" {
+int __real_close(int fd);
+int __wrap_close(int fd) {
+    const std::thread::id closes_for_good = g_closes_for_good;
+    if (closes_for_good != std::thread::id{} && closes_for_good != std::this_thread::get_id())
+        g_kept = dup(fd);
+    return __real_close(fd);
+}
+}
 
 namespace {
 
@@ -75,6 +96,24 @@ TEST_F(Dcm, SenderIsKnownByTheSocketItOpened) {
         EXPECT_TRUE(peer.Send(name));
         EXPECT_EQ(Next(), (Received{source, name}));
     }
+}
+
+TEST_F(Dcm, PeerThatLeavesWhileAProgramIsBeingStartedIsForgotten) {
+    {
+        Peer peer(SocketOf("media"));
+        ASSERT_TRUE(peer.Send("last words"));
+        EXPECT_EQ(Next(), (Received{0x800000, "last words"}));
+        g_closes_for_good = std::this_thread::get_id();
+    }
+    EXPECT_TRUE(test::Eventually([] { return g_kept >= 0; }));
+    g_closes_for_good = std::thread::id{};
+
+    Peer other(SocketOf("media"));
+    for (const char* word : {"one", "two", "three"}) {
+        EXPECT_TRUE(other.Send(word));
+        EXPECT_EQ(Next(), (Received{0x800000, word}));
+    }
+    close(g_kept.exchange(-1));
 }
 
 TEST_F(Dcm, RecordsOfOneByteAndOfTheLargestSizeAreDelivered) {
