@@ -31,9 +31,7 @@ console:
 	@tools/console.sh $(PORT)
 
 bench:
-	@tools/install-packages.sh build bench
-	@tools/build.sh bench bench_programs
-	@bench/run.py $(if $(PEERS),--peers $(PEERS))
+	@tools/bench.sh $(PEERS)
 
 install: build
 	@cmake --install build/native

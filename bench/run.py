@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """make bench: runs all benchmarks of a build tree, prints one table, and writes it as JSON beside the programs.
 
-    bench/run.py [--tree build/bench] [--parts load inside perf] [--peers udevd busybox] [--quick]
+    bench/run.py [--tree build/bench] [--parts load inside perf unit] [--peers udevd busybox] [--quick]
 
 Ends with an error only when something could not be measured: what a row is to hold is data (targets.toml), and whether
 it does is said, not enforced."""
@@ -19,7 +19,7 @@ import tomllib
 
 HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parent
-PARTS = ("load", "inside", "perf")
+PARTS = ("load", "inside", "perf", "unit")
 QUICK = {"load": ["--rounds", "1", "--batches", "1", "--events", "200", "--full", "500", "--warm", "50",
                   "--starts", "1", "--idle", "1", "--roads", "1"],
          "inside": ["--benchmark_min_time=0.01"]}
@@ -128,6 +128,24 @@ def measure_perf(tree, arguments):
             raise NotMeasured(f"{' '.join(command)} ended with {ran.returncode}: {ran.stderr[-300:].strip()}")
         values[f"perf/{name}"] = int(found[1]) / PERF_STEPS
     return values, values
+
+
+def measure_unit(tree, arguments):
+    """Roads in the virtual head unit, whose clock counts its instructions."""
+    found = json.loads(run([sys.executable, "-B", str(HERE / "unit" / "roads.py")]))
+    return unit_values(found), found
+
+
+def unit_values(found):
+    partition = found["partition"]
+    values = {f"unit/partition/{name}": partition[f"{name}_us"] / 1000
+              for name in ("own", "fork_and_wait", "mount", "tool")}
+    for name, road in found["roads"].items():
+        spent = road["together"]
+        apart = sum(spent.get(what, 0.0) for what in ("attributes", "children", "mount"))
+        values[f"unit/road/{name}"] = (sum(spent.values()) - apart) / 1000
+        values[f"unit/road/{name}/apart"] = (apart + road["started"]) / 1000
+    return values
 
 
 # --- the table ---

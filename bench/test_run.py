@@ -10,10 +10,11 @@ import tomllib
 import unittest
 
 HERE = pathlib.Path(__file__).resolve().parent
-sys.path[:0] = [str(HERE), str(HERE / "load")]
+sys.path[:0] = [str(HERE), str(HERE / "load"), str(HERE / "unit")]
 
 import events  # noqa: E402
 import run  # noqa: E402
+import trace_of_threads  # noqa: E402
 
 
 class Judgement(unittest.TestCase):
@@ -54,6 +55,51 @@ class Judgement(unittest.TestCase):
                                 one(2, run_type="aggregate", aggregate_name="median", allocations=4)]}
         self.assertEqual(run.inside_values(found),
                          {"inside/x/y": 2000, "inside/x/y:cpu": 0, "inside/x/y:allocations": 4})
+
+    def test_what_others_do_on_a_road_is_counted_apart(self):
+        road = {"together": {"user mode": 700.0, "attributes": 100.0, "children": 40.0, "mount": 60.0}, "started": 800.0}
+        found = {"partition": {"own_us": 200.0, "fork_and_wait_us": 240.0, "mount_us": 500.0, "tool_us": 4000.0},
+                 "roads": {"r": road}}
+        self.assertEqual(run.unit_values(found), {
+            "unit/partition/own": 0.2, "unit/partition/fork_and_wait": 0.24, "unit/partition/mount": 0.5,
+            "unit/partition/tool": 4.0, "unit/road/r": 0.7, "unit/road/r/apart": 1.0})
+
+
+class Trace(unittest.TestCase):
+    """A thread that handles an event, a child of it, and the slices in which both have the processor."""
+    TEXT = """
+     frame-event-159     [000] .....     5.000010: sys_exit: NR 207 = 301
+     frame-event-159     [000] .....     5.000030: sys_enter: NR 56 (ffffffffffffff9c, ffff939de410, 80000, 0, 0, 73)
+     frame-event-159     [000] .....     5.000040: sys_exit: NR 56 = 17
+     frame-event-159     [000] .....     5.000041: sys_enter: NR 63 (11, ffff939de408, 1, 0, 0, 73)
+     frame-event-159     [000] .....     5.000044: sys_exit: NR 63 = 1
+     frame-event-159     [000] .....     5.000045: sys_enter: NR 220 (1200011, 0, 0, 0, 0, 0)
+     frame-event-159     [000] .....     5.000085: sys_exit: NR 220 = 170
+     frame-event-159     [000] .....     5.000086: sys_enter: NR 63 (12, ffff939de408, 400, 0, 0, 73)
+     frame-event-159     [000] d....     5.000090: sched_switch: prev_comm=frame-event prev_pid=159 prev_prio=120 \
+prev_state=S ==> next_comm=blkid2 next_pid=170 next_prio=120
+          blkid2-170     [000] .....     5.000100: sys_enter: NR 56 (0, 0, 0, 0, 0, 0)
+          blkid2-170     [000] d....     5.000190: sched_switch: prev_comm=blkid2 prev_pid=170 prev_prio=120 \
+prev_state=S ==> next_comm=frame-event next_pid=159 next_prio=120
+     frame-event-159     [000] .....     5.000195: sys_exit: NR 63 = 40
+     frame-event-159     [000] .....     5.000200: sys_enter: NR 40 (0, 0, 0, 0, 0, 0)
+     frame-event-159     [000] .....     5.000300: sys_exit: NR 40 = 0
+     frame-event-159     [000] .....     5.000310: sys_enter: NR 64 (2, 0, 0, 0, 0, 0)
+     frame-event-159     [000] .....     5.000315: sys_exit: NR 64 = 90
+""".replace("\\\n", "")
+
+    def test_time_goes_to_what_the_thread_was_at_while_it_had_the_processor(self):
+        slices, calls = trace_of_threads.read(self.TEXT)
+        self.assertEqual(trace_of_threads.total(slices, {159}), {
+            "user mode": 38.0, "attributes": 13.0, "children": 49.0, "mount": 100.0, "log": 5.0})
+        self.assertEqual(trace_of_threads.total(slices, {170}), {"attributes": 90.0})
+        self.assertEqual([one.name for one in calls if one.thread == 159],
+                         ["recvfrom", "openat", "read", "clone", "read", "mount", "write"])
+
+    def test_only_what_lies_between_two_moments_counts(self):
+        slices, _ = trace_of_threads.read(self.TEXT)
+        self.assertEqual(trace_of_threads.total(slices, {159}, 5.00025, 5.000312), {"mount": 50.0, "user mode": 10.0,
+                                                                                    "log": 2.0})
 
 
 class Events(unittest.TestCase):
