@@ -23,6 +23,7 @@ constexpr int kNoSignal = 0x100;  // RWF_NOSIGNAL
 constexpr int kEveryFlag = RWF_NOWAIT | kNoSignal;
 
 std::atomic<int> g_known_flags{kEveryFlag};  // what the kernel of the test knows, at most
+std::atomic<bool> g_takes_all{false};        // a kernel that knows them, also where this one does not
 std::atomic<unsigned long> g_writes{0};
 std::atomic<unsigned long> g_looks{0};
 
@@ -32,6 +33,7 @@ extern "C" {
 ssize_t __real_pwritev2(int fd, const iovec* pieces, int count, off_t offset, int flags);
 ssize_t __wrap_pwritev2(int fd, const iovec* pieces, int count, off_t offset, int flags) {
     ++g_writes;
+    if (g_takes_all) return __real_pwritev2(fd, pieces, count, offset, 0);
     if ((flags & ~g_known_flags) == 0) return __real_pwritev2(fd, pieces, count, offset, flags);
     errno = EOPNOTSUPP;
     return -1;
@@ -517,8 +519,7 @@ TEST_P(TraceReader, ReaderOfAPipeThatIsStandardErrorNoMoreSeesTheEnd) {
 
 TEST(TraceCall, WritesALineByOneSystemCall) {
     PipedLog pipe;
-    const iovec line{const_cast<char*>("x"), 1};
-    if (__real_pwritev2(STDERR_FILENO, &line, 1, -1, kEveryFlag) < 0) GTEST_SKIP() << "an older kernel";
+    g_takes_all = true;
     Log("the first one looks");
     const unsigned long writes = g_writes;
     const unsigned long looks = g_looks;
@@ -526,6 +527,7 @@ TEST(TraceCall, WritesALineByOneSystemCall) {
         Log("line");
     EXPECT_EQ(g_writes - writes, 10u);
     EXPECT_EQ(g_looks - looks, 0u);
+    g_takes_all = false;
 }
 
 TEST(TraceThreads, RenamedThreadIsShownByItsNewName) {

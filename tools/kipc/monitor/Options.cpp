@@ -1,31 +1,16 @@
 #include "monitor/Options.h"
 
-#include <CLI/CLI.hpp>
-#include <charconv>
-#include <cstdlib>
 #include <iostream>
-#include <map>
 #include <memory>
+
+#include "shared/CommandLine.h"
 
 namespace kipcmon {
 namespace {
 
+using namespace kipc_tools;
+
 constexpr double kMostSeconds = 1e9;
-
-const std::map<std::string, E_WHEN> kColours = {
-    {"auto", WHEN_AUTO}, {"always", WHEN_ALWAYS}, {"never", WHEN_NEVER}};
-
-// Names and what stands for the value, without the rules, which the complaints tell.
-class Help : public CLI::Formatter {
-    std::string make_option_opts(const CLI::Option* option) const override {
-        return option->get_type_name().empty() ? "" : " " + option->get_type_name();
-    }
-};
-
-std::string DefaultFolder() {
-    const char* folder = std::getenv("KIPC_DIR");
-    return folder && *folder ? folder : "/run/kipc";
-}
 
 std::string NoProcess(const std::string& name) {
     if (IsProcess(name)) return "";
@@ -41,21 +26,13 @@ std::string NoId(const std::string& id) {
 
 std::string NoSeconds(const std::string& text) {
     double seconds = 0;
-    const char* end = text.data() + text.size();
-    const auto [stopped, error] = std::from_chars(text.data(), end, seconds);
-    const bool fits = error == std::errc() && stopped == end && seconds > 0 && seconds <= kMostSeconds;
+    const bool fits = IsNumber(text, &seconds) && seconds > 0 && seconds <= kMostSeconds;
     return fits ? "" : "'" + text + "' is no number of seconds";
-}
-
-std::string NoColour(const std::string& word) {
-    return kColours.contains(word) ? "" : "'" + word + "' is none of auto, always, never";
 }
 
 std::string NoCount(const std::string& text) {
     std::uint64_t count = 0;
-    const char* end = text.data() + text.size();
-    const auto [stopped, error] = std::from_chars(text.data(), end, count);
-    const bool fits = error == std::errc() && stopped == end && count > 0;
+    const bool fits = IsNumber(text, &count) && count > 0;
     return fits ? "" : "'" + text + "' is no number of records";
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "monitor/Filter.h"
+#include "shared/When.h"
 
 namespace kipcmon {
 
@@ -20,14 +21,13 @@ enum E_EXIT {
 };
 
 enum E_FORMAT { FORMAT_LINES, FORMAT_JSON };
-enum E_WHEN { WHEN_AUTO, WHEN_ALWAYS, WHEN_NEVER };
 
 struct Options {
     std::string folder = {};  // of the tap
     std::string read = {};    // a file to show instead; "-": standard input
     std::string write = {};   // "-": standard output
     E_FORMAT format = FORMAT_LINES;
-    E_WHEN colour = WHEN_AUTO;
+    kipc_tools::E_WHEN colour = kipc_tools::WHEN_AUTO;
     std::uint64_t count = 0;  // 0: no limit
     std::optional<double> timeout_s = {};
     Filter filter = {};

@@ -47,10 +47,7 @@ bool IsReadable(int descriptor) {
 }
 
 E_COLOUR ColourOf(const Options& options) {
-    if (options.colour == WHEN_ALWAYS) return COLOUR_ON;
-    if (options.colour == WHEN_NEVER) return COLOUR_OFF;
-    const char* none = std::getenv("NO_COLOR");
-    return isatty(STDOUT_FILENO) && !(none && *none) ? COLOUR_ON : COLOUR_OFF;
+    return kipc_tools::IsColoured(options.colour, isatty(STDOUT_FILENO)) ? COLOUR_ON : COLOUR_OFF;
 }
 
 int TimeLeft(const std::optional<Clock::time_point>& end) {

@@ -1,43 +1,21 @@
 #include "ports/Options.h"
 
-#include <CLI/CLI.hpp>
-#include <charconv>
-#include <cstdlib>
 #include <iostream>
-#include <map>
 #include <memory>
+
+#include "shared/CommandLine.h"
 
 namespace ports {
 namespace {
 
+using namespace kipc_tools;
+
 constexpr double kLeastSeconds = 0.1;
 constexpr double kMostSeconds = 86400;
 
-const std::map<std::string, E_WHEN> kColours = {
-    {"auto", WHEN_AUTO}, {"always", WHEN_ALWAYS}, {"never", WHEN_NEVER}};
-
-// Names and what stands for the value, without the rules, which the complaints tell.
-class Help : public CLI::Formatter {
-    std::string make_option_opts(const CLI::Option* option) const override {
-        return option->get_type_name().empty() ? "" : " " + option->get_type_name();
-    }
-};
-
-std::string DefaultFolder() {
-    const char* folder = std::getenv("KIPC_DIR");
-    return folder && *folder ? folder : "/run/kipc";
-}
-
-std::string NoColour(const std::string& word) {
-    return kColours.contains(word) ? "" : "'" + word + "' is none of auto, always, never";
-}
-
 std::string NoSeconds(const std::string& text) {
     double seconds = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stopped, error] = std::from_chars(text.data(), end, seconds);
-    const bool fits =
-        error == std::errc() && stopped == end && seconds >= kLeastSeconds && seconds <= kMostSeconds;
+    const bool fits = IsNumber(text, &seconds) && seconds >= kLeastSeconds && seconds <= kMostSeconds;
     return fits ? "" : "'" + text + "' is no number of seconds from 0.1 to 86400";
 }
 

@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include "shared/When.h"
+
 namespace ports {
 
 enum E_EXIT {
@@ -13,15 +15,13 @@ enum E_EXIT {
     EXIT_NOT_UNDERSTOOD = 5  // what answers shows no status of this version
 };
 
-enum E_WHEN { WHEN_AUTO, WHEN_ALWAYS, WHEN_NEVER };
-
 struct Options {
     std::string folder;  // of the sockets
     bool json = false;
     bool once = false;
     bool watch = false;
     double interval_s = 1;
-    E_WHEN colour = WHEN_AUTO;
+    kipc_tools::E_WHEN colour = kipc_tools::WHEN_AUTO;
 };
 
 // Empty when the program is to end with `exit_code`: help was asked for and printed, or the complaint was.

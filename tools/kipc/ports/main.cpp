@@ -65,10 +65,7 @@ Look LookAt(const Options& options, int stop) {
 }
 
 E_COLOUR ColourOf(const Options& options) {
-    if (options.colour == WHEN_ALWAYS) return COLOUR_ON;
-    if (options.colour == WHEN_NEVER) return COLOUR_OFF;
-    const char* const none = std::getenv("NO_COLOR");
-    return isatty(STDOUT_FILENO) && !(none && *none) ? COLOUR_ON : COLOUR_OFF;
+    return kipc_tools::IsColoured(options.colour, isatty(STDOUT_FILENO)) ? COLOUR_ON : COLOUR_OFF;
 }
 
 std::string TextOf(const std::vector<std::string>& lines) {

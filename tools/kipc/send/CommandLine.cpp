@@ -1,12 +1,10 @@
 #include "CommandLine.h"
 
-#include <CLI/CLI.hpp>
-#include <charconv>
-#include <cstdlib>
 #include <deque>
 #include <memory>
 
 #include "ExitCode.h"
+#include "shared/CommandLine.h"
 
 namespace kipcsend {
 
@@ -15,11 +13,6 @@ namespace {
 const std::vector<std::string> kPeers = {"sdcm", "media", "diag", "power", "test", "settings"};
 constexpr std::size_t kHelpColumn = 32;
 constexpr double kMostSeconds = 3600;
-
-std::string RootFolder() {
-    const char* folder = std::getenv("KIPC_DIR");
-    return folder && *folder ? folder : "/run/kipc";
-}
 
 // Vendor and product ids are hexadecimal, as everybody writes them.
 std::string HexNumber(const std::string& digits) {
@@ -38,9 +31,7 @@ std::string IsSwitchValue(const std::string& value) {
 
 std::string IsSeconds(const std::string& value) {
     double seconds = 0;
-    const char* const end = value.data() + value.size();
-    const auto [stop, error] = std::from_chars(value.data(), end, seconds);
-    const bool fits = error == std::errc() && stop == end && seconds >= 0 && seconds <= kMostSeconds;
+    const bool fits = kipc_tools::IsNumber(value, &seconds) && seconds >= 0 && seconds <= kMostSeconds;
     return fits ? "" : "'" + value + "' is no number of seconds";
 }
 
@@ -80,7 +71,7 @@ private:
 };
 
 Parser::Parser() {
-    m_order.options.root = RootFolder();
+    m_order.options.root = kipc_tools::DefaultFolder();
     m_app.get_formatter()->column_width(kHelpColumn);
     m_app.set_version_flag("--version", KIPCSEND_VERSION);
     m_app.require_subcommand(1);
