@@ -1,20 +1,21 @@
 """The events that the load program injects: made from events.txt, the same each time."""
 import pathlib
 
-TEMPLATES = pathlib.Path(__file__).with_name("events.txt")
+# Read at once: in the world in which the service runs this file may be out of reach.
+TEMPLATES = pathlib.Path(__file__).with_name("events.txt").read_text()
 SEQNUM_BYTES = len("SEQNUM=100000") + 1     # what the kernel adds to each
 
 
-def templates(path=TEMPLATES):
+def templates(text=TEMPLATES):
     """(how many, text with {n} in it), one for each kind."""
     out = []
-    for block in path.read_text().split("\n\n"):
+    for block in text.split("\n\n"):
         lines = [line for line in block.splitlines() if line and not line.startswith("#")]
         if not lines:
             continue
         count, action, devpath = lines[0].split(" ")
-        text = [f"{action}@{devpath}", f"ACTION={action}", f"DEVPATH={devpath}"] + lines[1:]
-        out.append((int(count), "".join(line + "\0" for line in text)))
+        event = [f"{action}@{devpath}", f"ACTION={action}", f"DEVPATH={devpath}"] + lines[1:]
+        out.append((int(count), "".join(line + "\0" for line in event)))
     return out
 
 
