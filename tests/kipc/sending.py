@@ -1,4 +1,6 @@
 """For the tests of kipcsend: the program as a process, and a service that says what the test wants."""
+import atexit
+import functools
 import json
 import os
 import pathlib
@@ -39,6 +41,15 @@ class Ended:
         return f"kipcsend {' '.join(self.words)} ended with {self.status}\n{self.out}{self.err}"
 
 
+@functools.cache
+def program_for_everybody():
+    """A copy of the program where every user may run it: the tree may be below a folder of root's own."""
+    folder = tempfile.mkdtemp()
+    atexit.register(shutil.rmtree, folder)
+    os.chmod(folder, 0o755)
+    return shutil.copy(PROGRAM, folder)
+
+
 class Run:
     """A run of the program, beside the test."""
 
@@ -46,7 +57,8 @@ class Run:
         environment = {"KIPC_DIR": str(folder), "PATH": "/usr/bin:/bin", "ASAN_OPTIONS": "exitcode=99",
                        "UBSAN_OPTIONS": "exitcode=99"}
         self.words = [str(word) for word in words]
-        self.process = subprocess.Popen([PROGRAM, *self.words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        program = program_for_everybody() if "user" in how else PROGRAM
+        self.process = subprocess.Popen([program, *self.words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                         stderr=subprocess.PIPE, env=environment, **how)
 
     def end(self, timeout=20):
