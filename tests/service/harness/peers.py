@@ -11,7 +11,7 @@ import usbrecords
 ROOT = "/run/kipc"
 RECEIVERS = ("sdcm",) + tuple(name for name in usbrecords.PROCESSES if name not in ("sdcm", "settings", "power"))
 # s without a record after which nothing is taken to be under way: a record to SDCM passes two threads more than others.
-QUIET = 0.3 if os.environ.get("USBSERVICE", "").endswith(("_asan", "_tsan")) else 0.05
+QUIET = 0.12 if os.environ.get("USBSERVICE", "").endswith(("_asan", "_tsan")) else 0.05
 FOREIGN = "/devices/soc/"       # records about devices elsewhere are the machine's own
 
 
